@@ -1,0 +1,27 @@
+// The library's settings, read from the process environment at each OPENSSL_init.
+#ifndef SEALKIT_CONFIG_H
+#define SEALKIT_CONFIG_H
+
+#include <windows.h>
+
+#include <string>
+
+namespace sealkit {
+
+const DWORD kDefaultHandshakeTimeoutMs = 10000;
+
+struct Config {
+    std::wstring certFile;     // SEALKIT_CERT: PEM server chain (leaf first)
+    std::wstring keyFile;      // SEALKIT_KEY: PEM private key of the leaf
+    std::wstring caFile;       // SEALKIT_CA: PEM CA file the client trusts; empty: Windows ROOT store
+    std::wstring serverName;   // SEALKIT_SERVER_NAME: name the client checks and sends as SNI
+    bool verifyPeer = true;    // SEALKIT_VERIFY: only "0" turns it off
+    DWORD handshakeTimeoutMs = kDefaultHandshakeTimeoutMs;  // SEALKIT_HANDSHAKE_TIMEOUT_MS
+};
+
+// Reads all settings with GetEnvironmentVariableW.
+Config ReadConfig();
+
+}  // namespace sealkit
+
+#endif
