@@ -2,6 +2,7 @@
 #ifndef SEALKIT_CONFIG_H
 #define SEALKIT_CONFIG_H
 
+#include <winsock2.h>
 #include <windows.h>
 
 #include <string>

@@ -2,6 +2,7 @@
 
 #include "sealkit_trace.h"
 
+#include <winsock2.h>
 #include <windows.h>
 #include <wincrypt.h>
 

@@ -2,6 +2,7 @@
 // thread ends (its per-thread error state would stay behind otherwise).
 #include "sealkit_link.h"
 
+#include <winsock2.h>
 #include <windows.h>
 
 #include <openssl/crypto.h>

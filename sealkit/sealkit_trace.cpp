@@ -1,5 +1,6 @@
 #include "sealkit_trace.h"
 
+#include <winsock2.h>
 #include <windows.h>
 
 #include <cstdarg>

@@ -1,0 +1,182 @@
+#include "tls_harness.h"
+
+#include "test_certs.h"
+
+#include <cstdio>
+#include <thread>
+
+void SetSetting(const wchar_t* name, const wchar_t* value)
+{
+    SetEnvironmentVariableW(name, value);
+}
+
+namespace {
+
+WinsockScope g_winsock;
+
+std::wstring WriteTempFile(const wchar_t* name, const char* text)
+{
+    wchar_t folder[MAX_PATH];
+    GetTempPathW(MAX_PATH, folder);
+    std::wstring path = std::wstring(folder) + L"sealkit-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + name;
+    FILE* file = _wfopen(path.c_str(), L"wb");
+    if (file) {
+        fputs(text, file);
+        fclose(file);
+    }
+    return path;
+}
+
+struct TempFiles {
+    TestFiles files;
+    TempFiles()
+    {
+        files.ca = WriteTempFile(L"ca.pem", kTestCaPem);
+        files.otherCa = WriteTempFile(L"other-ca.pem", kOtherCaPem);
+        files.serverCert = WriteTempFile(L"server.pem", kServerCertPem);
+        files.serverKey = WriteTempFile(L"server.key", kServerKeyPem);
+    }
+    ~TempFiles()
+    {
+        for (const std::wstring* path : {&files.ca, &files.otherCa, &files.serverCert, &files.serverKey})
+            DeleteFileW(path->c_str());
+    }
+};
+
+}  // namespace
+
+const TestFiles& Files()
+{
+    static TempFiles temp;
+    return temp.files;
+}
+
+SocketPair::SocketPair()
+{
+    unsigned short port = 0;
+    SOCKET listener = ListenLoopback(port, 1);
+    client = ConnectLoopback(port);
+    server = accept(listener, nullptr, nullptr);
+    closesocket(listener);
+}
+
+SocketPair::~SocketPair()
+{
+    closesocket(client);
+    closesocket(server);
+}
+
+void SocketPair::SetBlocking(bool blocking)
+{
+    u_long nonBlocking = blocking ? 0 : 1;
+    ioctlsocket(client, FIONBIO, &nonBlocking);
+    ioctlsocket(server, FIONBIO, &nonBlocking);
+}
+
+bool Handshake(SocketPair& sockets, HSSL& client, HSSL& server)
+{
+    std::thread acceptor([&] { server = OPENSSL_accept(sockets.server); });
+    client = OPENSSL_connect(sockets.client);
+    acceptor.join();
+    return client != 0 && server != 0;
+}
+
+TlsPair::TlsPair(bool blocking)
+{
+    sockets.SetBlocking(blocking);
+    Handshake(sockets, client, server);
+}
+
+TlsPair::~TlsPair()
+{
+    if (client)
+        OPENSSL_shutdown(client);
+    if (server)
+        OPENSSL_shutdown(server);
+}
+
+bool WaitSocket(SOCKET s, bool forRead)
+{
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(s, &set);
+    timeval wait = {10, 0};
+    return select(0, forRead ? &set : nullptr, forRead ? nullptr : &set, nullptr, &wait) == 1;
+}
+
+::testing::AssertionResult WriteAll(HSSL h, SOCKET s, const std::vector<char>& data)
+{
+    size_t done = 0;
+    while (done < data.size()) {
+        int n = OPENSSL_write(h, data.data() + done, (int)(data.size() - done));
+        int error = WSAGetLastError();
+        if (n > 0) {
+            if (error != 0)
+                return ::testing::AssertionFailure() << "a write of " << n << " bytes left last error " << error;
+            done += n;
+        } else if (error != WSAEWOULDBLOCK) {
+            return ::testing::AssertionFailure() << "write failed after " << done << " bytes: " << n << ", error " << error;
+        } else if (!WaitSocket(s, false)) {
+            return ::testing::AssertionFailure() << "the socket never became writable after " << done << " bytes";
+        }
+    }
+    return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult ReadAll(HSSL h, SOCKET s, std::vector<char>& data, size_t size)
+{
+    data.assign(size, 0);
+    size_t done = 0;
+    while (done < size) {
+        int n = OPENSSL_read(h, data.data() + done, (int)(size - done));
+        int error = WSAGetLastError();
+        if (n > 0)
+            done += n;
+        else if (error != WSAEWOULDBLOCK)
+            return ::testing::AssertionFailure() << "read failed after " << done << " bytes: " << n << ", error " << error;
+        else if (!WaitSocket(s, true))
+            return ::testing::AssertionFailure() << "no data arrived after " << done << " of " << size << " bytes";
+    }
+    return ::testing::AssertionSuccess();
+}
+
+std::vector<char> Pattern(size_t size, unsigned seed)
+{
+    std::vector<char> data(size);
+    unsigned x = seed * 2654435761u + 1;
+    for (char& c : data) {
+        x = x * 1103515245u + 12345u;
+        c = (char)(x >> 16);
+    }
+    return data;
+}
+
+void SealkitTest::SetUp()
+{
+    const TestFiles& files = Files();
+    SetSetting(L"SEALKIT_CERT", files.serverCert.c_str());
+    SetSetting(L"SEALKIT_KEY", files.serverKey.c_str());
+    SetSetting(L"SEALKIT_CA", files.ca.c_str());
+    SetSetting(L"SEALKIT_VERIFY", nullptr);
+    SetSetting(L"SEALKIT_SERVER_NAME", nullptr);
+    SetSetting(L"SEALKIT_HANDSHAKE_TIMEOUT_MS", nullptr);
+}
+
+void SealkitTest::TearDown()
+{
+    Stop();
+}
+
+void SealkitTest::Start()
+{
+    OPENSSL_init(0);
+    OPENSSL_init(1);
+    m_started = true;
+}
+
+void SealkitTest::Stop()
+{
+    if (m_started)
+        OPENSSL_uninit();
+    m_started = false;
+}
