@@ -1,0 +1,143 @@
+// CWiSockAddr: the port rules of text, bad texts, the buffer forms at their
+// size limit, the text cache across assignments, and foreign families.
+#include "wicomm/wi_sock_addr.h"
+
+#include "support/net.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+WinsockScope g_winsock;
+
+// Reaches the record and the cache the way a caller of the class can't.
+class Probe : public CWiSockAddr {
+public:
+    using CWiSockAddr::CWiSockAddr;
+    using CWiSockAddr::operator=;
+    const wchar_t* Cache() const { return m_pString; }
+};
+
+unsigned short Port(const CWiSockAddr& addr)
+{
+    return ntohs(static_cast<const sockaddr_in*>(addr)->sin_port);
+}
+
+TEST(CWiSockAddrTest, ValuesPrintWithoutThePort)
+{
+    CWiSockAddr none;
+    EXPECT_STREQ(L"0.0.0.0", none.ToString());
+    CWiSockAddr local(0x7F000001, 80);
+    EXPECT_STREQ(L"127.0.0.1", local.ToString());
+    EXPECT_EQ(0x7F000001ul, (unsigned long)local);
+    EXPECT_EQ(80, Port(local)) << "printing must not change the port";
+    const sockaddr* raw = local;
+    EXPECT_EQ(AF_INET, raw->sa_family);
+    sockaddr_in copy = local.operator sockaddr_in();
+    EXPECT_EQ(htonl(0x7F000001), copy.sin_addr.s_addr);
+}
+
+TEST(CWiSockAddrTest, TextConstructorTakesThePortArgumentOverTheText)
+{
+    CWiSockAddr plain(L"10.1.2.3", 80);
+    EXPECT_STREQ(L"10.1.2.3", plain.ToString());
+    EXPECT_EQ(80, Port(plain));
+    CWiSockAddr withPort(L"10.1.2.3:99", 80);
+    EXPECT_EQ(80, Port(withPort));
+    EXPECT_EQ(0x0A010203ul, (unsigned long)withPort);
+}
+
+TEST(CWiSockAddrTest, TextAssignmentTakesThePortFromTheText)
+{
+    CWiSockAddr addr(0x7F000001, 80);
+    addr = L"10.1.2.3:99";
+    EXPECT_EQ(99, Port(addr));
+    EXPECT_EQ(0x0A010203ul, (unsigned long)addr);
+    addr = "10.4.5.6";
+    EXPECT_EQ(0, Port(addr)) << "a text without a port sets port 0";
+    EXPECT_STREQ(L"10.4.5.6", addr.ToString());
+}
+
+TEST(CWiSockAddrTest, BadTextKeepsTheFormerAddressButDropsTheCache)
+{
+    CWiSockAddr bad(L"not an address", 80);
+    EXPECT_EQ(0, static_cast<const sockaddr*>(bad)->sa_family) << "the constructor starts from all zero";
+    EXPECT_EQ(0ul, (unsigned long)bad);
+    EXPECT_EQ(nullptr, bad.ToString()) << "family 0 has no text";
+
+    Probe addr(0x0A010203, 7);
+    ASSERT_NE(nullptr, addr.ToString());
+    addr = L"300.1.2.3";
+    EXPECT_EQ(nullptr, addr.Cache());
+    EXPECT_EQ(0x0A010203ul, (unsigned long)addr);
+    EXPECT_EQ(7, Port(addr));
+    addr = "";
+    EXPECT_EQ(0x0A010203ul, (unsigned long)addr);
+}
+
+TEST(CWiSockAddrTest, AssignmentsDropTheCacheAndSelfAssignmentKeepsIt)
+{
+    Probe addr(0x7F000001, 80);
+    const wchar_t* text = addr.ToString();
+    ASSERT_NE(nullptr, text);
+    addr = text;   // its own text: nothing happens
+    EXPECT_EQ(text, addr.Cache());
+    EXPECT_EQ(80, Port(addr)) << "its own text must not reset the port";
+
+    addr = 0x0A000001ul;
+    EXPECT_EQ(nullptr, addr.Cache());
+    EXPECT_EQ(80, Port(addr)) << "the address form keeps the port";
+    EXPECT_STREQ(L"10.0.0.1", addr.ToString());
+
+    CWiSockAddr other(0xC0A80001, 1);
+    addr = other;
+    EXPECT_EQ(nullptr, addr.Cache());
+    EXPECT_STREQ(L"192.168.0.1", addr.ToString());
+
+    CWiSockAddr copied(addr);   // copies don't take the cache over
+    EXPECT_STREQ(L"192.168.0.1", copied.ToString());
+    EXPECT_NE(copied.ToString(), addr.Cache());
+}
+
+TEST(CWiSockAddrTest, BufferFormsTakeExactlyTheTextAndItsTerminator)
+{
+    CWiSockAddr addr(0x0A010203, 80);   // "10.1.2.3": 8 characters
+    wchar_t wide[16];
+    wmemset(wide, L'#', 16);
+    EXPECT_EQ(0, addr.ToString(wide, 8));
+    EXPECT_EQ(L'#', wide[0]) << "a refused buffer is left alone";
+    EXPECT_EQ(1, addr.ToString(wide, 9));
+    EXPECT_STREQ(L"10.1.2.3", wide);
+    EXPECT_EQ(0, addr.ToString(static_cast<wchar_t*>(nullptr), 16));
+
+    char narrow[16];
+    memset(narrow, '#', sizeof(narrow));
+    EXPECT_EQ(0, addr.ToString(narrow, 8));
+    EXPECT_EQ('#', narrow[0]);
+    EXPECT_EQ(1, addr.ToString(narrow, 12));
+    EXPECT_STREQ("10.1.2.3", narrow);
+    EXPECT_EQ(0, narrow[11]) << "the whole buffer is cleared";
+
+    CString text(L"old");
+    EXPECT_EQ(1, addr.ToString(text));
+    EXPECT_TRUE(text == L"10.1.2.3");
+}
+
+TEST(CWiSockAddrTest, ForeignFamilyHasNoTextAndNoAddress)
+{
+    sockaddr_in foreign = {};
+    foreign.sin_family = AF_INET6;   // 16 bytes can't hold an IPv6 record
+    foreign.sin_addr.s_addr = htonl(0x0A010203);
+    CWiSockAddr addr(foreign);
+    EXPECT_EQ(0ul, (unsigned long)addr);
+    EXPECT_EQ(nullptr, addr.ToString());
+    CString text(L"old");
+    EXPECT_EQ(0, addr.ToString(text));
+    EXPECT_TRUE(text.IsEmpty()) << "the string is emptied first";
+    wchar_t wide[40];
+    EXPECT_EQ(0, addr.ToString(wide, 40));
+}
+
+}  // namespace
