@@ -1,0 +1,3 @@
+#include "wicomm/wi_comm.h"
+
+void CWiComm::Cleanup() {}

@@ -1,0 +1,182 @@
+// The MFC subset: strings, run-time classes, exceptions across the DLL
+// boundary, the scope guard and the debug log.
+#include <stdexcept>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "module/debug_trace.h"
+#include "module/module.h"
+#include "module/notify_guard.h"
+#include "module/scope_lock.h"
+#include "support/debug_capture.h"
+#include "support/leak.h"
+
+namespace {
+
+class CAnimal : public CObject {
+    DECLARE_DYNAMIC(CAnimal)
+public:
+    CAnimal() {}
+};
+IMPLEMENT_DYNAMIC(CAnimal, CObject)
+
+class CDog : public CAnimal {
+    DECLARE_DYNCREATE(CDog)
+public:
+    CDog() {}
+};
+IMPLEMENT_DYNCREATE(CDog, CAnimal)
+
+class CAppException : public CException {
+public:
+    explicit CAppException(int* pDeleted) : m_pDeleted(pDeleted) {}
+    ~CAppException() override { ++*m_pDeleted; }
+    int* m_pDeleted;
+};
+
+}  // namespace
+
+TEST(CStringFormat, KeepsChineseAndFullWidthTextExactly)
+{
+    CString s;
+    s.Format(L"%s（%d）：%s\n", L"连接关闭", 42, L"正常");
+    EXPECT_STREQ(s, L"连接关闭（42）：正常\n");
+    EXPECT_EQ(s.GetLength(), 12);
+
+    // %s in a wide format is a wide string; %S a narrow one; %p has no 0x.
+    s.Format(L"[%s|%S|%p|%u]", L"wide", "narrow", (void*)0x1234, 4294967295u);
+    EXPECT_STREQ(s.GetString(), L"[wide|narrow|0000000000001234|4294967295]");
+
+    CString long_text;
+    long_text.Format(L"%s%s", std::wstring(5000, L'x').c_str(), L"尾");
+    EXPECT_EQ(long_text.GetLength(), 5001);
+    EXPECT_EQ(long_text[5000], L'尾');
+}
+
+TEST(CStringBasics, NarrowAssignmentEmptyAndSlicing)
+{
+    CString s = "abc";
+    EXPECT_STREQ(s, L"abc");
+    EXPECT_FALSE(s.IsEmpty());
+    s.Empty();
+    EXPECT_TRUE(s.IsEmpty());
+    EXPECT_STREQ((LPCWSTR)s, L"");
+
+    CString t(L"C:127.0.0.1:80");
+    EXPECT_EQ(t.Find(L':'), 1);
+    EXPECT_STREQ(t.Mid(2), L"127.0.0.1:80");
+    EXPECT_STREQ(t.Left(1), L"C");
+    EXPECT_STREQ(t.Right(2), L"80");
+    EXPECT_EQ(t.ReverseFind(L':'), 11);
+    EXPECT_TRUE(t == L"C:127.0.0.1:80");
+    int pos = 0;
+    EXPECT_STREQ(t.Tokenize(L":", pos), L"C");
+    EXPECT_STREQ(t.Tokenize(L":", pos), L"127.0.0.1");
+    EXPECT_STREQ(t.Tokenize(L":", pos), L"80");
+    EXPECT_STREQ(t.Tokenize(L":", pos), L"");
+    EXPECT_EQ(pos, -1);
+}
+
+TEST(RuntimeClass, ChainAndIsKindOf)
+{
+    CDog dog;
+    CAnimal animal;
+    EXPECT_TRUE(dog.IsKindOf(RUNTIME_CLASS(CDog)));
+    EXPECT_TRUE(dog.IsKindOf(RUNTIME_CLASS(CAnimal)));
+    EXPECT_TRUE(dog.IsKindOf(RUNTIME_CLASS(CObject)));
+    EXPECT_FALSE(animal.IsKindOf(RUNTIME_CLASS(CDog)));
+    EXPECT_FALSE(animal.IsKindOf(RUNTIME_CLASS(CException)));
+
+    CRuntimeClass* rc = dog.GetRuntimeClass();
+    EXPECT_STREQ(rc->m_lpszClassName, "CDog");
+    EXPECT_EQ(rc->m_nObjectSize, (int)sizeof(CDog));
+    EXPECT_EQ(rc->m_wSchema, 0xFFFFu);
+    EXPECT_EQ((*rc->m_pfnGetBaseClass)(), RUNTIME_CLASS(CAnimal));
+    EXPECT_EQ(RUNTIME_CLASS(CAnimal)->m_pfnCreateObject, nullptr);
+    EXPECT_EQ(RUNTIME_CLASS(CAnimal)->CreateObject(), nullptr);
+
+    CObject* made = rc->CreateObject();
+    ASSERT_NE(made, nullptr);
+    EXPECT_TRUE(made->IsKindOf(RUNTIME_CLASS(CDog)));
+    delete made;
+}
+
+TEST(CExceptionAcrossModules, ThrownByApplicationCaughtAndDeletedInsideDll)
+{
+    int deleted = 0;
+    auto throwing = [](void* ctx) { throw new CAppException(static_cast<int*>(ctx)); };
+    EXPECT_FALSE(WiInvokeGuarded(throwing, &deleted)) << "wisock.dll must catch the CException*";
+    EXPECT_EQ(deleted, 1) << "and Delete it";
+
+    int calls = 0;
+    EXPECT_TRUE(WiInvokeGuarded([](void* ctx) { ++*static_cast<int*>(ctx); }, &calls));
+    EXPECT_EQ(calls, 1);
+
+    // Other exceptions are not the library's to swallow.
+    EXPECT_THROW(WiInvokeGuarded([](void*) { throw std::runtime_error("app"); }, nullptr), std::runtime_error);
+}
+
+TEST(CExceptionDelete, KeepsAnExceptionWithoutAutoDelete)
+{
+    CException fixed(FALSE);
+    fixed.Delete();   // must not free a stack object
+    SUCCEED();
+}
+
+TEST(ScopeLock, LeavesEarlyTakesAgainAndReleasesOnUnwind)
+{
+    CCriticalSection cs;
+    auto heldElsewhere = [&] {
+        bool acquired = false;
+        std::thread t([&] {
+            acquired = TryEnterCriticalSection(&cs.m_sect) != 0;
+            if (acquired)
+                LeaveCriticalSection(&cs.m_sect);
+        });
+        t.join();
+        return !acquired;
+    };
+
+    {
+        CScopeLock lock(cs);
+        EXPECT_TRUE(lock.IsOwned());
+        EXPECT_TRUE(heldElsewhere());
+        lock.Unlock();
+        EXPECT_FALSE(heldElsewhere());
+        lock.Unlock();   // a second leave is harmless
+        lock.Lock();
+        EXPECT_TRUE(heldElsewhere());
+    }
+    EXPECT_FALSE(heldElsewhere());
+
+    try {
+        CScopeLock lock(cs);
+        CScopeLock again(cs);   // re-entrant
+        throw 1;
+    } catch (int) {
+    }
+    EXPECT_FALSE(heldElsewhere()) << "the guard must leave the lock when an exception passes";
+}
+
+TEST(DebugTrace, CaptureSeesExactTextFromAnyThread)
+{
+    DebugCapture capture;
+    WiTrace(L"连接失败（%d）：%s\n", 10061, L"拒绝");
+    std::thread([] { WiTrace(L"worker %d\n", 7); }).join();
+    CString buffer;
+    WiTraceInto(buffer, L"into %s\n", L"buffer");
+    EXPECT_TRUE(capture.Contains(L"连接失败（10061）：拒绝\n")) << Utf8(capture.Texts().empty() ? L"" : capture.Texts()[0]) << " acp=" << GetACP();
+    EXPECT_TRUE(capture.Contains(L"worker 7\n"));
+    EXPECT_TRUE(capture.Contains(L"into buffer\n"));
+    EXPECT_STREQ(buffer, L"into buffer\n");
+}
+
+TEST(LeakCounters, SeeModuleHeapBlocks)
+{
+    LeakBaseline baseline;
+    void* p = HeapAlloc(g_hModuleHeap, 0, 64);
+    EXPECT_EQ(ModuleHeapBusyBlocks(), baseline.HeapBlocks() + 1);
+    HeapFree(g_hModuleHeap, 0, p);
+    EXPECT_TRUE(baseline.Check("one block allocated and freed"));
+}

@@ -1,0 +1,28 @@
+// Loopback helpers for tests.
+#ifndef WISOCK_TESTS_NET_H
+#define WISOCK_TESTS_NET_H
+
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+// Keeps Winsock started for the life of the object.
+class WinsockScope {
+public:
+    WinsockScope() { WSADATA data; WSAStartup(MAKEWORD(2, 2), &data); }
+    ~WinsockScope() { WSACleanup(); }
+};
+
+// A TCP port on 127.0.0.1 that nothing listens on right now.
+unsigned short FreeLoopbackPort();
+
+// A plain blocking listener on 127.0.0.1:port (port 0: any); returns the socket
+// and stores the port. INVALID_SOCKET on failure.
+SOCKET ListenLoopback(unsigned short& port, int backlog = SOMAXCONN);
+// A plain blocking client connected to 127.0.0.1:port, or INVALID_SOCKET.
+SOCKET ConnectLoopback(unsigned short port);
+// Sends all bytes on a blocking socket; false on failure.
+bool SendAll(SOCKET s, const void* data, size_t size);
+// Receives exactly size bytes on a blocking socket; false on failure or close.
+bool RecvAll(SOCKET s, void* data, size_t size);
+
+#endif

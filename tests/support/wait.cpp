@@ -1,0 +1,54 @@
+#include "support/wait.h"
+
+::testing::AssertionResult WaitForHandle(HANDLE h, const std::string& what, std::chrono::milliseconds timeout)
+{
+    DWORD rc = WaitForSingleObject(h, (DWORD)timeout.count());
+    if (rc == WAIT_OBJECT_0)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "timed out after " << timeout.count() << " ms waiting for: " << what
+                                         << " (wait result " << rc << ")";
+}
+
+TestEvent::TestEvent() : m_h(CreateEventW(NULL, TRUE, FALSE, NULL)) {}
+TestEvent::~TestEvent() { CloseHandle(m_h); }
+
+void EventCounter::Add(long n)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_count += n;
+    }
+    m_changed.notify_all();
+}
+
+long EventCounter::Get() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_count;
+}
+
+::testing::AssertionResult EventCounter::WaitAtLeast(long n, const std::string& what,
+                                                     std::chrono::milliseconds timeout) const
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_changed.wait_for(lock, timeout, [&] { return m_count >= n; }))
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "timed out after " << timeout.count() << " ms waiting for: " << what
+                                         << " (count " << m_count << ", wanted " << n << ")";
+}
+
+::testing::AssertionResult Eventually(const std::function<bool()>& condition, const std::string& what,
+                                      std::chrono::milliseconds timeout)
+{
+    const ULONGLONG deadline = GetTickCount64() + timeout.count();
+    HANDLE never = CreateEventW(NULL, TRUE, FALSE, NULL);
+    bool ok = condition();
+    while (!ok && GetTickCount64() < deadline) {
+        WaitForSingleObject(never, 5);   // lets the other threads finish their step
+        ok = condition();
+    }
+    CloseHandle(never);
+    if (ok)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "after " << timeout.count() << " ms still not true: " << what;
+}
