@@ -1,0 +1,191 @@
+// The worker of a TLS factory: takes accept and connect completions (and runs
+// the TLS handshake after them) and the wake-ups that Send posts.
+#include "factory/overlapped_socket_factory.h"
+#include "module/debug_trace.h"
+#include "module/scope_lock.h"
+#include "overlapped/local_time.h"
+#include "overlapped/socket_notify_call.h"
+#include "tls/overlapped_ssl.h"
+
+namespace {
+
+bool IsConnectionRecord(int nType)
+{
+    return nType == COverlappedInfo::TYPE_ACCEPT || nType == COverlappedInfo::TYPE_CONNECT;
+}
+
+bool FailureEndsConnection(int nErrorCode, int nType)
+{
+    return nErrorCode == ERROR_NETNAME_DELETED || nErrorCode == ERROR_SEM_TIMEOUT ||
+           (nErrorCode == ERROR_OPERATION_ABORTED && nType == COverlappedInfo::TYPE_ACCEPT) ||
+           nType == COverlappedInfo::TYPE_CONNECT;
+}
+
+}  // namespace
+
+DWORD WINAPI COverlappedSSL::WorkThread(void* pParam)
+{
+    COverlappedSocketFactory* pFactory = static_cast<COverlappedSocketFactory*>(pParam);
+    std::shared_ptr<COverlappedSocketFactory> spFactory = pFactory->weak_from_this().lock();
+    if (!spFactory || spFactory->m_hCompletionPort == NULL)
+        return 0;
+    HANDLE hPort = spFactory->m_hCompletionPort;
+    CString strTrace;
+    for (;;) {
+        DWORD dwBytes = 0;
+        ULONG_PTR nKey = ~static_cast<ULONG_PTR>(0);
+        LPOVERLAPPED pOverlapped = NULL;
+        BOOL bOk = GetQueuedCompletionStatus(hPort, &dwBytes, &nKey, &pOverlapped, INFINITE);
+        if (pOverlapped != NULL) {
+            COverlappedInfo* pInfo = reinterpret_cast<COverlappedInfo*>(pOverlapped);
+            std::shared_ptr<COverlappedSSL> spSocket = std::static_pointer_cast<COverlappedSSL>(pInfo->m_spSocket);
+            if (bOk) {
+                if (spSocket)
+                    spSocket->OnPortCompletion(pInfo);
+            } else {
+                int nErrorCode = COverlappedSocket::GetLastError();
+                int nWSAGetLastError = WSAGetLastError();
+                bool bReport = true;
+                if (spSocket)
+                    bReport = spSocket->OnPortFailure(pInfo, nErrorCode, nWSAGetLastError, strTrace);
+                else
+                    WiTraceInto(strTrace, L"套接字对象已经无效，nErrorCode = %d\n", nErrorCode);
+                if (bReport)
+                    WiTraceInto(strTrace, L"GetQueuedCompletionStatus return %d\n", nErrorCode);
+            }
+            spSocket.reset();
+            spFactory->OperationCompleted();
+            continue;
+        }
+        if (bOk) {
+            if (nKey == 0 && dwBytes == 0)
+                break;   // the end post of Destory
+            continue;
+        }
+        DWORD dwError = ::GetLastError();
+        if (dwError == ERROR_ABANDONED_WAIT_0 || dwError == ERROR_INVALID_HANDLE) {
+            WiTraceInto(strTrace, L"GetQueuedCompletionStatus return ERROR_ABANDONED_WAIT_0 or ERROR_INVALID_HANDLE\n");
+            break;
+        }
+        if (nKey == 0 && dwBytes == 0)
+            break;
+        WiTraceInto(strTrace, L"GetQueuedCompletionStatus return %d\n", static_cast<int>(dwError));
+    }
+    DWORD dwThreadId = GetCurrentThreadId();
+    WiTraceInto(strTrace, L"Exit OverlappedSSL Thread, ThreadId = %d, 0x%x\n", dwThreadId, dwThreadId);
+    return 0;
+}
+
+// A completion taken with TRUE. The caller holds a reference to this socket.
+void COverlappedSSL::OnPortCompletion(COverlappedInfo* pInfo)
+{
+    int nType = pInfo->m_nOperateType;
+    if (pInfo == &m_SendPostInfo) {
+        if (TakeSendWakeUp())
+            SendBufferedData();
+        return;
+    }
+    if (nType == COverlappedInfo::TYPE_ACCEPT)
+        ReplaceAccept(shared_from_this());
+    if (!IsConnectionRecord(nType))
+        return;
+    if (m_bClosed) {
+        std::shared_ptr<COverlappedSocket> spReleased;
+        CScopeLock lock(m_csLock);
+        spReleased = ReleaseRecord(pInfo);
+        lock.Unlock();
+        return;
+    }
+    RunHandshake(pInfo);
+}
+
+void COverlappedSSL::RunHandshake(COverlappedInfo* pInfo)
+{
+    std::shared_ptr<COverlappedSocket> spSocket = shared_from_this();
+    std::shared_ptr<COverlappedSocket> spReleased;
+    CScopeLock lock(m_csLock);
+    spReleased = ReleaseRecord(pInfo);   // nothing of this socket is outstanding any more
+    if (m_bClosed)
+        return;
+    unsigned long nNonBlocking = 1;
+    ioctlsocket(m_hSocket, FIONBIO, &nNonBlocking);
+    m_dtConnectTime = CurrentLocalOleDate();
+    if (m_spListenSocket) {
+        m_hSSL = OPENSSL_accept(m_hSocket);
+    } else {
+        if (m_hSSL != 0)
+            OPENSSL_shutdown(m_hSSL);
+        m_hSSL = OPENSSL_connect(m_hSocket);
+    }
+    if (m_hSSL == 0) {
+        Close();   // reports OnClose(0); there was no OnConnect
+        return;
+    }
+    int nNoDelay = 1;
+    setsockopt(m_hSocket, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&nNoDelay), sizeof(nNoDelay));
+    std::shared_ptr<ISocketNotifyObject> spNotify = m_spNotifyObject;
+    lock.Unlock();
+    // Closed since the lock was left: Close has reported the end, and the
+    // socket must not enter the map it already left.
+    if (!EnterConnectedMap())
+        return;
+    CSocketNotifyCall::OnConnect(spNotify, 0, spSocket);
+    PrepareRecv();
+    WaitForNetworkEvent();
+    lock.Lock();
+    // Records that Send queued before the handshake had ended go out now.
+    if (!m_bClosed && !m_listWaitSend.empty())
+        PostSendWakeUp();
+}
+
+bool COverlappedSSL::EnterConnectedMap()
+{
+    std::shared_ptr<COverlappedSocket> spSelf = shared_from_this();
+    CScopeLock factoryLock(m_spFactory->m_csLock);
+    // Close sets m_bClosed before it takes this lock to leave the maps, so a
+    // socket found open here is erased by that Close afterwards.
+    if (m_bClosed)
+        return false;
+    m_spFactory->m_mapConnectedSockets[m_hSocket] = spSelf;
+    return true;
+}
+
+// A completion taken with FALSE. The caller holds a reference to this socket.
+// False if the socket was found closed (the normal end of an aborted operation).
+bool COverlappedSSL::OnPortFailure(COverlappedInfo* pInfo, int nErrorCode, int nWSAGetLastError, CString& strTrace)
+{
+    if (pInfo == &m_SendPostInfo)
+        return TakeSendWakeUp();
+    int nType = pInfo->m_nOperateType;
+    if (nType == COverlappedInfo::TYPE_ACCEPT)
+        ReplaceAccept(shared_from_this());
+    std::shared_ptr<COverlappedSocket> spSocket = shared_from_this();
+    std::shared_ptr<COverlappedSocket> spReleased;
+    CScopeLock lock(m_csLock);
+    WiTraceInto(strTrace,
+                L"spSocketObject = %p, nErrorCode = %d, nWSAGetLastError = %d, pOverlapInfo->m_nOperateType = %d, "
+                L"bClosed = %d\n",
+                this, nErrorCode, nWSAGetLastError, nType, static_cast<int>(m_bClosed));
+    // The operation is over whatever follows: its record lets the socket go,
+    // so that a failed accept that doesn't end the connection isn't kept alive.
+    spReleased = ReleaseRecord(pInfo);
+    if (m_bClosed)
+        return false;
+    std::shared_ptr<ISocketNotifyObject> spNotify = m_spNotifyObject;
+    bool bEnds = FailureEndsConnection(nErrorCode, nType);
+    // The report of the end is claimed under the lock, so a Close on another
+    // thread can't report it as well.
+    int bReportClose = bEnds ? ClaimCloseReport() : 0;
+    lock.Unlock();
+    if (IsConnectionRecord(nType))
+        CSocketNotifyCall::OnConnect(spNotify, nErrorCode, spSocket);
+    if (!bEnds)
+        return true;
+    // The claim above already keeps Close silent, so the socket doesn't enter
+    // m_mapClosingSockets: an entry made here could outlive a Close that a
+    // handler of OnConnect has already run.
+    if (bReportClose)
+        CSocketNotifyCall::OnClose(spNotify, nErrorCode, spSocket);
+    Close();
+    return true;
+}
