@@ -1,0 +1,76 @@
+// CWiSocket: a socket handle and the hidden "SocketSink" window through which
+// the socket's events, the time-out timer and close requests arrive. The
+// thread that constructs the object owns the window and must pump messages.
+#ifndef WISOCK_WICOMM_WI_SOCKET_H
+#define WISOCK_WICOMM_WI_SOCKET_H
+
+#include "wicomm/wi_comm.h"
+#include "wicomm/wi_sock_addr.h"
+
+// Socket events posted by WSAAsyncSelect: socket in wParam, event and error in lParam.
+const UINT WM_WISOCKET_NOTIFY = 883;
+// Close request of CWiTcp::Close: socket in wParam, 32 in lParam.
+const UINT WM_WISOCKET_CLOSE = 1036;
+// Timer request from a thread that doesn't own the window: period in wParam,
+// lParam 1 to restart a running timer, 0 to start one only if none runs.
+const UINT WM_WISOCKET_TIMER = 1037;
+
+class WISOCK_API CWiSocket : public CWiComm {
+    DECLARE_DYNAMIC(CWiSocket)
+protected:
+    CWiSocket();
+    virtual ~CWiSocket();
+
+public:
+    virtual int GetLastError() override;
+
+protected:
+    virtual int GetBytesCanRead() override;
+
+public:
+    virtual void BeforeDelete() override;
+    virtual int SetTimeouts(DWORD dwTimeout1, DWORD dwTimeout2, DWORD dwTimeout3, DWORD dwBytes) override;
+
+protected:
+    virtual void OnWiAccept(int nErrorCode);
+    virtual void OnWiWrite(int nErrorCode);
+    virtual void OnWiRead(int nErrorCode);
+    virtual void OnWiClose(int nErrorCode);
+    virtual void OnWiOpen(int nErrorCode);
+    virtual void CloseProcess();
+
+public:
+    virtual int GetLocalAddr(CWiSockAddr& addr);
+    virtual long GetLocalPort();
+    virtual int GetPeerAddr(CWiSockAddr& addr);
+    virtual long GetPeerPort();
+
+    int AsyncSelect();
+
+protected:
+    WORD MyRegisterClass(HINSTANCE hInstance);
+    static LRESULT CALLBACK WndProc(HWND hWnd, UINT nMessage, WPARAM wParam, LPARAM lParam);
+    LRESULT OnSocketNotify(WPARAM wParam, LPARAM lParam);
+    void OnTimer(UINT_PTR nIDEvent);
+    void SetToNonBlocking(int bNonBlocking);
+
+    // The window's one timer (id = the window handle). The timer belongs to
+    // the window's thread: from any other thread the request is posted there.
+    void StartTimer(DWORD dwPeriod, bool bRestart);
+    void StopTimer();
+    bool OnWindowThread() const;
+
+    SOCKET m_hSocket;
+    HWND m_hWnd;
+    UINT_PTR m_nTimerID;
+    std::atomic<int> m_bInOnRead;
+
+    static int s_bSinkClassRegistered;
+
+private:
+    void OnReadEvent(int nError);
+    void ApplyTimerRequest(DWORD dwPeriod, bool bRestart);
+    static std::shared_ptr<CWiSocket> ObjectOfWindow(HWND hWnd);
+};
+
+#endif

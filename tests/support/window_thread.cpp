@@ -1,0 +1,115 @@
+#include "support/window_thread.h"
+
+namespace {
+
+const UINT kRunMessage = WM_APP + 0x57;   // wParam: the task
+
+struct Task {
+    std::function<void()> fn;
+    HANDLE hDone;
+    LONG nRefs;   // the caller and the thread; the later one frees it
+};
+
+void Release(Task* pTask)
+{
+    if (InterlockedDecrement(&pTask->nRefs) == 0) {
+        CloseHandle(pTask->hDone);
+        delete pTask;
+    }
+}
+
+}  // namespace
+
+WindowThread::WindowThread() : m_hThread(NULL), m_nThreadId(0), m_hReady(CreateEventW(NULL, TRUE, FALSE, NULL))
+{
+    m_hThread = CreateThread(NULL, 0, &WindowThread::Loop, this, 0, &m_nThreadId);
+    WaitForSingleObject(m_hReady, 10000);
+}
+
+WindowThread::~WindowThread()
+{
+    PostThreadMessageW(m_nThreadId, WM_QUIT, 0, 0);
+    WaitForSingleObject(m_hThread, 10000);
+    CloseHandle(m_hThread);
+    CloseHandle(m_hReady);
+}
+
+DWORD WINAPI WindowThread::Loop(LPVOID pParam)
+{
+    MSG msg;
+    PeekMessageW(&msg, NULL, 0, 0, PM_NOREMOVE);   // makes the queue
+    SetEvent(static_cast<WindowThread*>(pParam)->m_hReady);
+    while (GetMessageW(&msg, NULL, 0, 0) > 0) {
+        if (msg.hwnd == NULL && msg.message == kRunMessage) {
+            Task* pTask = reinterpret_cast<Task*>(msg.wParam);
+            pTask->fn();
+            SetEvent(pTask->hDone);
+            Release(pTask);
+            continue;
+        }
+        TranslateMessage(&msg);
+        DispatchMessageW(&msg);
+    }
+    return 0;
+}
+
+::testing::AssertionResult WindowThread::Run(const std::function<void()>& fn, std::chrono::milliseconds timeout)
+{
+    Task* pTask = new Task{fn, CreateEventW(NULL, TRUE, FALSE, NULL), 2};
+    if (!PostThreadMessageW(m_nThreadId, kRunMessage, (WPARAM)pTask, 0)) {
+        CloseHandle(pTask->hDone);
+        delete pTask;
+        return ::testing::AssertionFailure() << "could not post a task to the window thread";
+    }
+    DWORD rc = WaitForSingleObject(pTask->hDone, (DWORD)timeout.count());
+    Release(pTask);
+    if (rc == WAIT_OBJECT_0)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "the window thread did not finish a task within " << timeout.count()
+                                         << " ms";
+}
+
+namespace {
+
+void PumpOnce()
+{
+    MSG msg;
+    while (PeekMessageW(&msg, NULL, 0, 0, PM_REMOVE)) {
+        TranslateMessage(&msg);
+        DispatchMessageW(&msg);
+    }
+}
+
+}  // namespace
+
+::testing::AssertionResult PumpUntil(HANDLE h, const std::string& what, std::chrono::milliseconds timeout)
+{
+    const ULONGLONG deadline = GetTickCount64() + timeout.count();
+    for (;;) {
+        PumpOnce();
+        if (WaitForSingleObject(h, 0) == WAIT_OBJECT_0)
+            return ::testing::AssertionSuccess();
+        ULONGLONG now = GetTickCount64();
+        if (now >= deadline)
+            break;
+        MsgWaitForMultipleObjects(1, &h, FALSE, (DWORD)(deadline - now), QS_ALLINPUT);
+    }
+    return ::testing::AssertionFailure() << "timed out after " << timeout.count() << " ms pumping messages for: "
+                                         << what;
+}
+
+::testing::AssertionResult PumpUntil(const std::function<bool()>& condition, const std::string& what,
+                                     std::chrono::milliseconds timeout)
+{
+    const ULONGLONG deadline = GetTickCount64() + timeout.count();
+    for (;;) {
+        PumpOnce();
+        if (condition())
+            return ::testing::AssertionSuccess();
+        ULONGLONG now = GetTickCount64();
+        if (now >= deadline)
+            break;
+        MsgWaitForMultipleObjects(0, NULL, FALSE, (DWORD)std::min<ULONGLONG>(deadline - now, 5), QS_ALLINPUT);
+    }
+    return ::testing::AssertionFailure() << "after " << timeout.count() << " ms of pumping still not true: " << what;
+}
