@@ -18,6 +18,7 @@
 #include "overlapped/socket_notify.h"
 
 class COverlappedSSL;
+class CScopeLock;
 
 class WISOCK_API COverlappedSocketFactory : public CObject,
                                             public std::enable_shared_from_this<COverlappedSocketFactory> {
@@ -84,8 +85,9 @@ private:
     void EndThread(HANDLE hThread, LPCWSTR pszTerminateMessage);
     void RunTimerPass(SocketList& released);
     void InsertTimerRequest(const CRecvTimerRequest& request, SocketList& released);
-    void HandleTimerEntry(TimerMap::iterator& it, DWORD dwLastPass, SocketList& released);
-    void ReportTimeout(TimerMap::iterator it, DWORD dwNow, SocketList& released);
+    void HandleTimerEntry(TimerMap::iterator& it, DWORD dwLastPass, SocketList& released, CScopeLock& lock);
+    void ReportTimeout(TimerMap::iterator it, DWORD dwNow, SocketList& released, CScopeLock& lock);
+    void AbandonAcceptSocket(const std::shared_ptr<COverlappedSocket>& spSocket);
     void DropTimerRequests(const COverlappedSocket* pSocket, SocketList& released);
     void SweepClosedTimerRequests(SocketList& released);
     void ClearTimerRequests(SocketList& released);

@@ -21,6 +21,7 @@ class COverlappedSSL;
 class WISOCK_API COverlappedSocket : public CObject, public std::enable_shared_from_this<COverlappedSocket> {
     DECLARE_DYNAMIC(COverlappedSocket)
     friend class COverlappedSocketFactory;
+    friend class COverlappedSSL;   // its Close leaves the listen socket's accept set
 
 public:
     virtual ~COverlappedSocket();
@@ -134,7 +135,7 @@ private:
     void OnRecvCompleted(COverlappedInfo* pInfo, DWORD dwBytes, CString& strTrace);
     void OnSendCompleted(COverlappedInfo* pInfo, DWORD dwBytes, CString& strTrace);
     void OnConnectCompleted(COverlappedInfo* pInfo, CString& strTrace);
-    void ArmNextRecv(int nOperateType, CString& strTrace);
+    int ArmNextRecv(int nOperateType, CString& strTrace);
     void EndAfterFailure(COverlappedInfo* pInfo, int nErrorCode);
     int IssueSend(COverlappedInfo* pInfo, int nFlags);
     COverlappedInfo* TakeSendRecord(int* pbNoMemory);

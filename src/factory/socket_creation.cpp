@@ -1,0 +1,150 @@
+// CreateSocket: the bare object, a bound socket, an accepting socket, a pool.
+#include "factory/overlapped_socket_factory.h"
+
+#include <mswsock.h>
+
+#include "module/scope_lock.h"
+#include "overlapped/local_time.h"
+
+namespace {
+
+const DWORD kAcceptAddressLength = 32;
+
+SOCKET NewOverlappedSocket()
+{
+    return WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, NULL, 0, WSA_FLAG_OVERLAPPED);
+}
+
+}  // namespace
+
+std::shared_ptr<COverlappedSocket> COverlappedSocketFactory::CreateSocket()
+{
+    std::shared_ptr<COverlappedSocket> spSocket;
+    switch (m_nSocketKind) {
+    case KIND_PLAIN:
+        spSocket.reset(new COverlappedSocket);
+        break;
+    // KIND_SSL: COverlappedSSL joins here.
+    default:
+        return spSocket;
+    }
+    spSocket->m_spFactory = shared_from_this();
+    return spSocket;
+}
+
+std::shared_ptr<COverlappedSocket> COverlappedSocketFactory::CreateSocket(
+    std::shared_ptr<ISocketNotifyObject> spNotifyObject, unsigned int nPort, const wchar_t* pszAddress)
+{
+    std::shared_ptr<COverlappedSocket> spSocket = CreateSocket();
+    if (!spNotifyObject || !spSocket)
+        return std::shared_ptr<COverlappedSocket>();
+    SOCKET hSocket = NewOverlappedSocket();
+    if (hSocket == INVALID_SOCKET)
+        return std::shared_ptr<COverlappedSocket>();
+    if (CreateIoCompletionPort(reinterpret_cast<HANDLE>(hSocket), m_hCompletionPort, static_cast<ULONG_PTR>(hSocket),
+                               0) == NULL) {
+        int nError = static_cast<int>(::GetLastError());
+        closesocket(hSocket);
+        WSASetLastError(nError);
+        return std::shared_ptr<COverlappedSocket>();
+    }
+    spSocket->m_hSocket = hSocket;
+    if (!spSocket->Bind(nPort, pszAddress)) {
+        int nError = WSAGetLastError();
+        spSocket->Close();
+        WSASetLastError(nError);
+        return std::shared_ptr<COverlappedSocket>();
+    }
+    spSocket->m_spNotifyObject = spNotifyObject;
+    spSocket->m_dtCreateTime = CurrentLocalOleDate();
+    CScopeLock lock(m_csLock);
+    m_mapOpenSockets[hSocket] = spSocket;
+    return spSocket;
+}
+
+// An accepting socket that never got going: its handle is closed and the
+// reference its record took is given back, so the object goes with the
+// caller's last reference. The application never saw it, so it hears nothing.
+void COverlappedSocketFactory::AbandonAcceptSocket(const std::shared_ptr<COverlappedSocket>& spSocket)
+{
+    int nError = WSAGetLastError();
+    std::shared_ptr<COverlappedSocket> spReleased, spListen;
+    std::shared_ptr<ISocketNotifyObject> spNotify;
+    {
+        CScopeLock lock(spSocket->m_csLock);
+        closesocket(spSocket->m_hSocket);
+        spSocket->m_hSocket = INVALID_SOCKET;
+        spSocket->m_bClosed = 1;
+        spReleased = spSocket->ReleaseRecord(&spSocket->m_ConnectInfo);
+        spListen.swap(spSocket->m_spListenSocket);
+        spNotify.swap(spSocket->m_spNotifyObject);
+    }
+    WSASetLastError(nError);
+}
+
+std::shared_ptr<COverlappedSocket> COverlappedSocketFactory::CreateSocket(
+    std::shared_ptr<ISocketNotifyObject> spNotifyObject, std::shared_ptr<COverlappedSocket> spListenSocket)
+{
+    // A factory that is ending starts no new accepts (a worker replacing one
+    // would otherwise race with Destory's last CloseAllSocket).
+    if (!spNotifyObject || !spListenSocket || m_bDestroyed)
+        return std::shared_ptr<COverlappedSocket>();
+    std::shared_ptr<COverlappedSocket> spSocket = CreateSocket();
+    if (!spSocket)
+        return spSocket;
+    LPFN_ACCEPTEX pfnAcceptEx = NULL;
+    GUID guid = WSAID_ACCEPTEX;
+    DWORD dwBytes = 0;
+    if (WSAIoctl(spListenSocket->m_hSocket, SIO_GET_EXTENSION_FUNCTION_POINTER, &guid, sizeof(guid), &pfnAcceptEx,
+                 sizeof(pfnAcceptEx), &dwBytes, NULL, NULL) == SOCKET_ERROR)
+        return std::shared_ptr<COverlappedSocket>();
+    SOCKET hSocket = NewOverlappedSocket();
+    if (hSocket == INVALID_SOCKET)
+        return std::shared_ptr<COverlappedSocket>();
+    spSocket->m_hSocket = hSocket;
+    spSocket->m_spNotifyObject = spNotifyObject;
+    spSocket->m_dtCreateTime = CurrentLocalOleDate();
+    spSocket->ArmRecord(spSocket->m_ConnectInfo, COverlappedInfo::TYPE_ACCEPT);
+    spSocket->m_spListenSocket = spListenSocket;
+    if (CreateIoCompletionPort(reinterpret_cast<HANDLE>(hSocket), m_hCompletionPort, static_cast<ULONG_PTR>(hSocket),
+                               0) == NULL) {
+        WSASetLastError(static_cast<int>(::GetLastError()));
+        AbandonAcceptSocket(spSocket);
+        return std::shared_ptr<COverlappedSocket>();
+    }
+    OperationIssued();
+    DWORD dwReceived = 0;
+    if (!pfnAcceptEx(spListenSocket->m_hSocket, hSocket, spSocket->m_byAddressArea, 0, kAcceptAddressLength,
+                     kAcceptAddressLength, &dwReceived, &spSocket->m_ConnectInfo.m_Overlapped) &&
+        WSAGetLastError() != ERROR_IO_PENDING) {
+        OperationCompleted();
+        AbandonAcceptSocket(spSocket);
+        return std::shared_ptr<COverlappedSocket>();
+    }
+    {
+        CScopeLock lock(m_csLock);
+        if (!spSocket->IsClose())
+            m_mapOpenSockets[hSocket] = spSocket;
+    }
+    {
+        CScopeLock lock(spListenSocket->m_csLock);
+        if (!spSocket->IsClose())
+            spListenSocket->m_setAcceptSockets.insert(spSocket);
+    }
+    return spSocket;
+}
+
+std::vector<std::shared_ptr<COverlappedSocket>> COverlappedSocketFactory::CreateSocket(
+    std::shared_ptr<ISocketNotifyObject> spNotifyObject, std::shared_ptr<COverlappedSocket> spListenSocket, int nCount)
+{
+    std::vector<std::shared_ptr<COverlappedSocket>> sockets;
+    if (!spNotifyObject || !spListenSocket || nCount < 0)
+        return sockets;
+    if (nCount == 0) {
+        CScopeLock lock(spListenSocket->m_csLock);
+        nCount = spListenSocket->m_nBacklog;
+    }
+    for (int i = 0; i < nCount; ++i)
+        sockets.push_back(CreateSocket(spNotifyObject, spListenSocket));
+    return sockets;
+}

@@ -1,0 +1,196 @@
+// Bind (with the port-owner rule), Connect (ConnectEx) and Listen.
+#include "overlapped/overlapped_socket.h"
+
+#include <iphlpapi.h>
+#include <mswsock.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "factory/overlapped_socket_factory.h"
+#include "module/scope_lock.h"
+
+namespace {
+
+typedef DWORD(WINAPI* PFN_GETEXTENDEDTCPTABLE)(PVOID, PDWORD, BOOL, ULONG, TCP_TABLE_CLASS, ULONG);
+
+const int kTcpStateListen = 2;
+
+// Wide to narrow in the thread's code page; false if the conversion fails.
+bool ToNarrow(const wchar_t* pszWide, std::string& strNarrow)
+{
+    int nSize = WideCharToMultiByte(CP_THREAD_ACP, 0, pszWide, -1, NULL, 0, NULL, NULL);
+    if (nSize <= 0)
+        return false;
+    strNarrow.assign(static_cast<size_t>(nSize), '\0');
+    if (WideCharToMultiByte(CP_THREAD_ACP, 0, pszWide, -1, &strNarrow[0], nSize, NULL, NULL) <= 0)
+        return false;
+    strNarrow.resize(static_cast<size_t>(nSize - 1));
+    return true;
+}
+
+// Looks for a listener on nPort in a table read from the IP helper.
+int FindListenerRow(const MIB_TCPTABLE_OWNER_PID* pTable, int nPort, DWORD* pdwProcessId)
+{
+    for (DWORD i = 0; i < pTable->dwNumEntries; ++i) {
+        const MIB_TCPROW_OWNER_PID& row = pTable->table[i];
+        if (row.dwState == kTcpStateListen && ntohs(static_cast<u_short>(row.dwLocalPort)) == nPort) {
+            *pdwProcessId = row.dwOwningPid;
+            return 1;
+        }
+    }
+    return 0;
+}
+
+int QueryTcpTable(PFN_GETEXTENDEDTCPTABLE pfnGetTable, int nPort, DWORD* pdwProcessId)
+{
+    DWORD dwSize = 0;
+    DWORD dwResult = pfnGetTable(NULL, &dwSize, TRUE, AF_INET, TCP_TABLE_OWNER_PID_ALL, 0);
+    if (dwResult != NO_ERROR && dwResult != ERROR_INSUFFICIENT_BUFFER)
+        return -1;
+    void* pTable = std::malloc(dwSize);
+    if (pTable == NULL)
+        return -1;
+    int nResult = -1;
+    if (pfnGetTable(pTable, &dwSize, TRUE, AF_INET, TCP_TABLE_OWNER_PID_ALL, 0) == NO_ERROR)
+        nResult = FindListenerRow(static_cast<MIB_TCPTABLE_OWNER_PID*>(pTable), nPort, pdwProcessId);
+    std::free(pTable);
+    return nResult;
+}
+
+}  // namespace
+
+int COverlappedSocket::FindTcpPortOwner(int nPort, DWORD* pdwProcessId)
+{
+    *pdwProcessId = 0;
+    HMODULE hIpHelper = LoadLibraryW(L"iphlpapi.dll");
+    if (hIpHelper == NULL)
+        return -1;
+    PFN_GETEXTENDEDTCPTABLE pfnGetTable =
+        reinterpret_cast<PFN_GETEXTENDEDTCPTABLE>(GetProcAddress(hIpHelper, "GetExtendedTcpTable"));
+    int nResult = pfnGetTable != NULL ? QueryTcpTable(pfnGetTable, nPort, pdwProcessId) : -1;
+    FreeLibrary(hIpHelper);
+    return nResult;
+}
+
+int COverlappedSocket::Bind(const sockaddr* pAddress, int nLength)
+{
+    u_short nPort = reinterpret_cast<const sockaddr_in*>(pAddress)->sin_port;
+    if (nPort != 0) {
+        DWORD dwOwner = 0;
+        if (FindTcpPortOwner(ntohs(nPort), &dwOwner) == 1) {
+            WSASetLastError(WSAEADDRINUSE);
+            return 0;
+        }
+        int nReuse = 1;
+        SetSockOpt(SO_REUSEADDR, &nReuse, sizeof(nReuse), SOL_SOCKET);
+    }
+    return bind(m_hSocket, pAddress, nLength) == 0 ? 1 : 0;
+}
+
+int COverlappedSocket::Bind(unsigned int nPort, const wchar_t* pszAddress)
+{
+    std::string strAddress;
+    if (pszAddress != NULL && !ToNarrow(pszAddress, strAddress)) {
+        WSASetLastError(WSA_NOT_ENOUGH_MEMORY);
+        return 0;
+    }
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    if (pszAddress != NULL) {
+        address.sin_addr.s_addr = inet_addr(strAddress.c_str());
+        if (address.sin_addr.s_addr == INADDR_NONE) {
+            WSASetLastError(WSAEINVAL);
+            return 0;
+        }
+    } else {
+        address.sin_addr.s_addr = htonl(INADDR_ANY);
+    }
+    address.sin_port = htons(static_cast<u_short>(nPort));
+    return Bind(reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+}
+
+int COverlappedSocket::Connect(const sockaddr* pAddress, int nLength)
+{
+    LPFN_CONNECTEX pfnConnectEx = NULL;
+    GUID guid = WSAID_CONNECTEX;
+    DWORD dwBytes = 0;
+    if (WSAIoctl(m_hSocket, SIO_GET_EXTENSION_FUNCTION_POINTER, &guid, sizeof(guid), &pfnConnectEx,
+                 sizeof(pfnConnectEx), &dwBytes, NULL, NULL) == SOCKET_ERROR)
+        return 0;
+    const size_t nHeader = sizeof(COverlappedSocket*) + sizeof(int);
+    if (nLength < 0 || static_cast<size_t>(nLength) > sizeof(m_byAddressArea) - nHeader) {
+        WSASetLastError(WSAEINVAL);
+        return 0;
+    }
+    // The peer is stored before ConnectEx, so that GetPeerName already has it
+    // inside an OnConnect that comes at once.
+    COverlappedSocket* pMark = this;
+    std::memcpy(m_byAddressArea, &pMark, sizeof(pMark));
+    std::memcpy(m_byAddressArea + sizeof(pMark), &nLength, sizeof(nLength));
+    std::memcpy(m_byAddressArea + nHeader, pAddress, static_cast<size_t>(nLength));
+
+    std::shared_ptr<COverlappedSocket> spReleased;
+    CScopeLock lock(m_csLock);
+    ArmRecord(m_ConnectInfo, COverlappedInfo::TYPE_CONNECT);
+    m_spFactory->OperationIssued();
+    BOOL bDone = pfnConnectEx(m_hSocket, pAddress, nLength, NULL, 0, NULL, &m_ConnectInfo.m_Overlapped);
+    int nError = WSAGetLastError();
+    if (!bDone && nError != ERROR_IO_PENDING) {
+        // No completion will come: give back the record's reference now, or
+        // the socket would never be destroyed.
+        spReleased = ReleaseRecord(&m_ConnectInfo);
+        m_spFactory->OperationCompleted();
+        std::memset(m_byAddressArea, 0, nHeader);
+    }
+    lock.Unlock();
+    if (spReleased) {
+        spReleased.reset();
+        WSASetLastError(nError);
+        return 0;
+    }
+    return 1;
+}
+
+int COverlappedSocket::Connect(const wchar_t* pszHost, unsigned int nPort)
+{
+    if (pszHost == NULL) {
+        WSASetLastError(WSAEINVAL);
+        return 0;
+    }
+    std::string strHost;
+    if (!ToNarrow(pszHost, strHost)) {
+        WSASetLastError(WSA_NOT_ENOUGH_MEMORY);
+        return 0;
+    }
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = inet_addr(strHost.c_str());
+    if (address.sin_addr.s_addr == INADDR_NONE) {
+        hostent* pHost = gethostbyname(strHost.c_str());
+        if (pHost == NULL || pHost->h_addr_list[0] == NULL) {
+            WSASetLastError(WSAEINVAL);
+            return 0;
+        }
+        std::memcpy(&address.sin_addr, pHost->h_addr_list[0], sizeof(address.sin_addr));
+    }
+    address.sin_port = htons(static_cast<u_short>(nPort));
+    return Connect(reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+}
+
+int COverlappedSocket::Listen(int nBacklog)
+{
+    SOCKET hSocket;
+    {
+        CScopeLock lock(m_csLock);
+        hSocket = m_hSocket;
+        m_nBacklog = nBacklog;
+    }
+    if (listen(hSocket, nBacklog) != 0)
+        return 0;
+    std::shared_ptr<COverlappedSocket> spSelf = shared_from_this();
+    CScopeLock lock(m_spFactory->m_csLock);
+    m_spFactory->m_mapListenSockets[hSocket] = spSelf;
+    return 1;
+}
