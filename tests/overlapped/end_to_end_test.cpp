@@ -1,0 +1,223 @@
+// Loopback end to end: accept pool + connect, data both ways, and the order
+// of notifications for each way a connection begins and ends.
+#include "stack_fixture.h"
+
+namespace {
+
+const Log kAcceptedThenPeerClosed = {"OnConnect(0)", "OnClose(0)", "OnDelete"};
+
+}  // namespace
+
+TEST_F(StackTest, DataBothWaysIsByteExactAndInOrder)
+{
+    unsigned short port;
+    SocketPtr listen = Listen(port);
+    server->echo = true;
+    SocketPtr c = ConnectTo(port);
+    ASSERT_TRUE(client->connects.WaitAtLeast(1, "client OnConnect"));
+    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
+    EXPECT_EQ(1, c->IsConnected());
+
+    std::string all;
+    unsigned seed = 1;
+    for (size_t size : {size_t(1), size_t(4095), size_t(4096), size_t(4097), size_t(1) << 20}) {
+        std::string chunk = Pattern(size, seed++);
+        ASSERT_EQ(static_cast<int>(size), c->Send(chunk.data(), static_cast<int>(size), 0));
+        all += chunk;
+    }
+    ASSERT_TRUE(Eventually([&] { return client->Received(c.get()).size() >= all.size(); }, "whole echo back",
+                           std::chrono::seconds(30)));
+    EXPECT_TRUE(client->Received(c.get()) == all) << "echo differs from what was sent";
+    const COverlappedSocket* accepted = Accepted(*server);
+    ASSERT_NE(nullptr, accepted);
+    EXPECT_TRUE(server->Received(accepted) == all);
+    EXPECT_TRUE(Eventually([&] { return client->Sent(c.get()) == static_cast<long long>(all.size()); },
+                           "OnSend counts add up to the bytes sent"));
+
+    c->Close();
+    EXPECT_TRUE(LogBecomes(*client, c.get(), {"OnConnect(0)", "OnReceive", "OnClose(0)"}));
+    EXPECT_TRUE(LogBecomes(*server, accepted, {"OnConnect(0)", "OnReceive", "OnClose(0)", "OnDelete"}));
+    c.reset();
+    EXPECT_TRUE(LogBecomes(*client, Accepted(*client), {"OnConnect(0)", "OnReceive", "OnClose(0)", "OnDelete"}));
+}
+
+TEST_F(StackTest, NamesOfBothEnds)
+{
+    unsigned short port;
+    SocketPtr listen = Listen(port, 1);
+    SocketPtr c = ConnectTo(port);
+    // The peer is known from the moment Connect returned.
+    CString peer;
+    unsigned int peerPort = 0;
+    ASSERT_EQ(1, c->GetPeerName(peer, peerPort));
+    EXPECT_TRUE(peer == L"127.0.0.1");
+    EXPECT_EQ(port, peerPort);
+    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
+    SocketPtr accepted;
+    server->onReceive = [&](const void*, int, SocketPtr s) {
+        CString a;
+        unsigned int p = 0;
+        if (s->GetSockName(a, p) && a == L"127.0.0.1" && p == port)
+            server->timeouts.Add(1000);   // marks: the local name came from the accept area
+    };
+    ASSERT_EQ(1, c->Send("x", 1, 0));
+    EXPECT_TRUE(server->timeouts.WaitAtLeast(1000, "accepted socket names its local end"));
+    unsigned int clientPort = 0;
+    ASSERT_EQ(1, c->GetSockName(peer, clientPort));
+    EXPECT_NE(0u, clientPort);
+    int shortLength = 8;
+    sockaddr_in none = {};
+    EXPECT_EQ(0, c->GetPeerName(reinterpret_cast<sockaddr*>(&none), nullptr));
+    // A short buffer skips the stored address and asks the socket.
+    EXPECT_EQ(0, c->GetPeerName(reinterpret_cast<sockaddr*>(&none), &shortLength));
+}
+
+TEST_F(StackTest, RefusedConnectGivesOnConnectThenOnCloseWithTheError)
+{
+    unsigned short nobody = FreeLoopbackPort();
+    SocketPtr c = ConnectTo(nobody);
+    ASSERT_TRUE(client->closes.WaitAtLeast(1, "OnClose after refused connect"));
+    Log log = client->Log(c.get());
+    ASSERT_EQ(2u, log.size());
+    EXPECT_EQ("OnClose(error)", log[1]);
+    int error = client->CloseError(c.get());
+    EXPECT_NE(0, error);
+    EXPECT_EQ("OnConnect(" + std::to_string(error) + ")", log[0]);
+    EXPECT_TRUE(Eventually([&] { return c->IsClose() == 1; }, "Close after the worker's OnClose"));
+    EXPECT_EQ(0, c->IsConnected());
+    // The connect record's reference is gone: the application's is the last.
+    const COverlappedSocket* p = c.get();
+    c.reset();
+    EXPECT_TRUE(LogBecomes(*client, p, {log[0], log[1], "OnDelete"}));
+}
+
+TEST_F(StackTest, PeerCloseGivesOneOnCloseThenOnDelete)
+{
+    DebugCapture trace;
+    unsigned short port;
+    SocketPtr listen = Listen(port, 2);
+    SOCKET peer = ConnectLoopback(port);
+    ASSERT_NE(INVALID_SOCKET, peer);
+    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
+    closesocket(peer);
+    const COverlappedSocket* accepted = Accepted(*server);
+    EXPECT_TRUE(LogBecomes(*server, accepted, kAcceptedThenPeerClosed));
+    EXPECT_TRUE(trace.WaitFor(L"套接字被对方关闭, pOverlapInfo->m_nOperateType = 1\n"));
+}
+
+TEST_F(StackTest, ApplicationCloseReportsOnTheCallingThreadAndEndsThePeer)
+{
+    unsigned short port;
+    SocketPtr listen = Listen(port, 1);
+    SocketPtr accepted;
+    std::mutex m;
+    server->onConnect = [&](int, SocketPtr s) {
+        std::lock_guard<std::mutex> lock(m);
+        accepted = s;
+    };
+    SOCKET peer = ConnectLoopback(port);
+    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
+    SocketPtr s;
+    {
+        std::lock_guard<std::mutex> lock(m);
+        s.swap(accepted);
+    }
+    ASSERT_TRUE(s);
+    EXPECT_EQ(1, s->IsConnected());
+    EXPECT_EQ(listen, s->GetListenSocket());
+    s->Close();
+    EXPECT_EQ(GetCurrentThreadId(), server->CloseThread(s.get()));
+    EXPECT_EQ(0, s->IsConnected());
+    EXPECT_FALSE(s->GetListenSocket());
+    EXPECT_EQ(0, s->Send("x", 1, 0));
+    EXPECT_EQ(WSAENOTSOCK, COverlappedSocket::GetLastError());
+    s->Close();   // a second Close does nothing
+    char byte;
+    EXPECT_EQ(0, recv(peer, &byte, 1, 0)) << "peer sees the end of the stream";
+    closesocket(peer);
+    const COverlappedSocket* p = s.get();
+    s.reset();
+    EXPECT_TRUE(LogBecomes(*server, p, {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
+}
+
+TEST_F(StackTest, CloseInsideOnConnectEndsTheSocketOnce)
+{
+    DebugCapture trace;
+    unsigned short port;
+    SocketPtr listen = Listen(port, 1);
+    server->onConnect = [](int, SocketPtr s) { s->Close(); };
+    SOCKET peer = ConnectLoopback(port);
+    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
+    EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
+    EXPECT_TRUE(trace.WaitFor(L"PrepareRecv failed\n"));
+    auto lines = trace.StartingWith(L"PrepareRecv failed, spSocketObject = ");
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_NE(std::wstring::npos, lines[0].find(L", nWSAGetLastError = 10038, pOverlapInfo->m_nOperateType = 8\n"))
+        << Utf8(lines[0]);
+    closesocket(peer);
+}
+
+TEST_F(StackTest, CloseInsideOnReceiveEndsTheSocketOnce)
+{
+    unsigned short port;
+    SocketPtr listen = Listen(port, 1);
+    server->onReceive = [](const void*, int, SocketPtr s) { s->Close(); };
+    SOCKET peer = ConnectLoopback(port);
+    ASSERT_TRUE(SendAll(peer, "hello", 5));
+    EXPECT_TRUE(server->closes.WaitAtLeast(1, "OnClose"));
+    EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnReceive", "OnClose(0)", "OnDelete"}));
+    closesocket(peer);
+}
+
+TEST_F(StackTest, CloseInsideOnCloseOfAPeerCloseReportsOnce)
+{
+    unsigned short port;
+    SocketPtr listen = Listen(port, 1);
+    server->onClose = [](int, SocketPtr s) { s->Close(); };
+    SOCKET peer = ConnectLoopback(port);
+    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
+    closesocket(peer);
+    EXPECT_TRUE(LogBecomes(*server, Accepted(*server), kAcceptedThenPeerClosed));
+}
+
+TEST_F(StackTest, CloseInsideOnCloseReportedByCloseItself)
+{
+    unsigned short port;
+    SocketPtr listen = Listen(port, 1);
+    int inner = 0;
+    server->onClose = [&](int, SocketPtr s) {
+        ++inner;
+        s->Close();
+    };
+    SOCKET peer = ConnectLoopback(port);
+    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
+    listen->CloseAllAcceptedSocket();
+    EXPECT_EQ(1, inner);
+    char byte;
+    EXPECT_EQ(0, recv(peer, &byte, 1, 0)) << "the outer Close went on to close the handle";
+    closesocket(peer);
+    EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
+}
+
+TEST_F(StackTest, NotifyExceptionsAreDeletedAndTheNextStepRuns)
+{
+    struct Thrown : CException {
+        explicit Thrown(long* deleted) : m_deleted(deleted) {}
+        ~Thrown() override { InterlockedIncrement(m_deleted); }
+        long* m_deleted;
+    };
+    long deleted = 0;
+    unsigned short port;
+    SocketPtr listen = Listen(port, 1);
+    server->echo = true;
+    server->onConnect = [&](int, SocketPtr) { throw new Thrown(&deleted); };
+    server->onReceive = [&](const void*, int, SocketPtr) { throw new Thrown(&deleted); };
+    server->onClose = [&](int, SocketPtr) { throw new Thrown(&deleted); };
+    SOCKET peer = ConnectLoopback(port);
+    ASSERT_TRUE(SendAll(peer, "ping", 4));
+    char echo[4];
+    ASSERT_TRUE(RecvAll(peer, echo, 4)) << "the receive after a throwing OnConnect was armed";
+    closesocket(peer);
+    EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnReceive", "OnClose(0)", "OnDelete"}));
+    EXPECT_EQ(3, deleted);
+}

@@ -1,0 +1,123 @@
+// A factory with two workers, notify objects for the server and the client
+// side, and the leak checks that wrap every scenario: after Destory and the
+// last reference, every socket that was told anything got exactly one
+// OnDelete, last, and the module heap and the handle count are back.
+#ifndef WISOCK_TESTS_OVERLAPPED_STACK_FIXTURE_H
+#define WISOCK_TESTS_OVERLAPPED_STACK_FIXTURE_H
+
+#include <algorithm>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "recording_notify.h"
+#include "support/debug_capture.h"
+#include "support/leak.h"
+#include "support/net.h"
+
+class StackTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        WarmUpWinsock();
+        baseline.reset(new LeakBaseline);
+        factory = COverlappedSocketFactory::CreateObject(0, 2);
+        ASSERT_TRUE(factory) << "CreateObject(0, 2) failed";
+        server = std::make_shared<RecordingNotify>();
+        client = std::make_shared<RecordingNotify>();
+    }
+
+    void TearDown() override
+    {
+        if (factory)
+            factory->Destory();
+        factory.reset();
+        ExpectEveryOnDeleteOnceAndLast(*server, "server");
+        ExpectEveryOnDeleteOnceAndLast(*client, "client");
+        EXPECT_TRUE(baseline->Check(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+    }
+
+    static void ExpectEveryOnDeleteOnceAndLast(const RecordingNotify& notify, const char* side)
+    {
+        for (const COverlappedSocket* p : notify.Sockets()) {
+            EXPECT_TRUE(Eventually([&] { Log l = notify.Log(p); return !l.empty() && l.back() == "OnDelete"; },
+                                   std::string(side) + " socket ends with OnDelete"));
+            Log l = notify.Log(p);
+            EXPECT_EQ(1, std::count(l.begin(), l.end(), std::string("OnDelete"))) << side << " socket: one OnDelete";
+        }
+    }
+
+    // Winsock's first use opens handles that stay for the process: open them before the baseline.
+    static void WarmUpWinsock()
+    {
+        static WinsockScope keep;
+        static bool warm = false;
+        if (!warm) {
+            unsigned short port = 0;
+            SOCKET l = ListenLoopback(port);
+            SOCKET c = ConnectLoopback(port);
+            closesocket(c);
+            closesocket(l);
+            warm = true;
+        }
+    }
+
+    SocketPtr Listen(unsigned short& port, int pool = 5, std::shared_ptr<RecordingNotify> notify = nullptr)
+    {
+        if (!notify)
+            notify = server;
+        port = FreeLoopbackPort();
+        SocketPtr listen = factory->CreateSocket(notify, port, L"127.0.0.1");
+        EXPECT_TRUE(listen) << "bound socket for the listener";
+        if (!listen)
+            return listen;
+        EXPECT_EQ(1, listen->Listen(pool));
+        auto accepts = factory->CreateSocket(notify, listen, pool);
+        EXPECT_EQ(static_cast<size_t>(pool), accepts.size());
+        for (auto& a : accepts)
+            EXPECT_TRUE(a) << "accepting socket";
+        return listen;
+    }
+
+    SocketPtr ConnectTo(unsigned short port, std::shared_ptr<RecordingNotify> notify = nullptr)
+    {
+        if (!notify)
+            notify = client;
+        SocketPtr s = factory->CreateSocket(notify, 0, L"127.0.0.1");
+        EXPECT_TRUE(s) << "bound socket for the client";
+        if (s) {
+            EXPECT_EQ(1, s->Connect(L"127.0.0.1", port)) << "Connect error " << COverlappedSocket::GetLastError();
+        }
+        return s;
+    }
+
+    // The n-th socket (in order of first notification) whose log begins with OnConnect(0).
+    static const COverlappedSocket* Accepted(const RecordingNotify& notify, size_t n = 0)
+    {
+        for (const COverlappedSocket* p : notify.Sockets()) {
+            Log l = notify.Log(p);
+            if (!l.empty() && l.front() == "OnConnect(0)" && n-- == 0)
+                return p;
+        }
+        return nullptr;
+    }
+
+    ::testing::AssertionResult LogBecomes(const RecordingNotify& notify, const COverlappedSocket* p, const Log& want)
+    {
+        if (Eventually([&] { return notify.Log(p) == want; }, "notification order"))
+            return ::testing::AssertionSuccess();
+        std::string got;
+        for (auto& s : notify.Log(p))
+            got += s + " ";
+        std::string exp;
+        for (auto& s : want)
+            exp += s + " ";
+        return ::testing::AssertionFailure() << "log is [" << got << "], want [" << exp << "]";
+    }
+
+    std::unique_ptr<LeakBaseline> baseline;
+    FactoryPtr factory;
+    std::shared_ptr<RecordingNotify> server, client;
+};
+
+#endif
