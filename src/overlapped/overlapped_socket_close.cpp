@@ -65,6 +65,11 @@ void COverlappedSocket::Close()
     if (pFactory != NULL)
         pFactory->DropTimerRequests(this, taken);
 
+    // The outstanding accepts are closed while this listen handle is still
+    // open: closing it first would abort their AcceptEx, and a worker would
+    // report OnConnect(995) for a socket that Close is reporting too.
+    CloseAcceptSocket();
+
     SocketRef spListen;
     {
         CScopeLock lock(m_csLock);
@@ -81,7 +86,6 @@ void COverlappedSocket::Close()
         CScopeLock lock(spListen->m_csLock);
         spListen->m_setAcceptSockets.erase(spSelf);
     }
-    CloseAcceptSocket();
 }
 
 void COverlappedSocket::CloseAcceptSocket()

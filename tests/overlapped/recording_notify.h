@@ -3,6 +3,7 @@
 #ifndef WISOCK_TESTS_OVERLAPPED_RECORDING_NOTIFY_H
 #define WISOCK_TESTS_OVERLAPPED_RECORDING_NOTIFY_H
 
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -40,8 +41,8 @@ public:
         Record(spSocket.get(), nErrorCode == 0 ? "OnClose(0)" : "OnClose(error)");
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_closeErrors[spSocket.get()] = nErrorCode;
-            m_closeThreads[spSocket.get()] = GetCurrentThreadId();
+            Live(spSocket.get()).closeError = nErrorCode;
+            Live(spSocket.get()).closeThread = GetCurrentThreadId();
         }
         if (onClose)
             onClose(nErrorCode, spSocket);
@@ -51,13 +52,12 @@ public:
     {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            std::string& bytes = m_received[spSocket.get()];
-            bool first = bytes.empty();
-            bytes.append(static_cast<const char*>(pData), static_cast<size_t>(nLength));
-            if (first)
-                m_log[spSocket.get()].push_back("OnReceive");
+            Entry& e = Live(spSocket.get());
+            if (e.log.empty() || e.log.back() != "OnReceive")
+                e.log.push_back("OnReceive");
+            e.received.append(static_cast<const char*>(pData), static_cast<size_t>(nLength));
             if (nLength <= 0)
-                m_log[spSocket.get()].push_back("OnReceive(length <= 0)");
+                e.log.push_back("OnReceive(length <= 0)");
         }
         if (echo)
             spSocket->Send(pData, nLength, 0);
@@ -69,7 +69,7 @@ public:
     {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_sent[spSocket.get()] += nLength;
+            Live(spSocket.get()).sent += nLength;
         }
         if (onSend)
             onSend(nLength, spSocket);
@@ -87,70 +87,108 @@ public:
         deletes.Add();
     }
 
-    // Consecutive OnReceive calls are recorded once.
+    // Consecutive OnReceive calls are recorded once. A socket's log ends with
+    // its OnDelete; an object made later at the same address gets a new log.
     std::vector<std::string> Log(const COverlappedSocket* p) const
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        auto it = m_log.find(p);
-        return it == m_log.end() ? std::vector<std::string>() : it->second;
+        const Entry* e = Find(p);
+        return e ? e->log : std::vector<std::string>();
     }
     std::string Received(const COverlappedSocket* p) const
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        auto it = m_received.find(p);
-        return it == m_received.end() ? std::string() : it->second;
+        const Entry* e = Find(p);
+        return e ? e->received : std::string();
     }
     long long Sent(const COverlappedSocket* p) const
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        auto it = m_sent.find(p);
-        return it == m_sent.end() ? 0 : it->second;
+        const Entry* e = Find(p);
+        return e ? e->sent : 0;
     }
     int CloseError(const COverlappedSocket* p) const
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        auto it = m_closeErrors.find(p);
-        return it == m_closeErrors.end() ? -1 : it->second;
+        const Entry* e = Find(p);
+        return e ? e->closeError : -1;
     }
     DWORD CloseThread(const COverlappedSocket* p) const
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        auto it = m_closeThreads.find(p);
-        return it == m_closeThreads.end() ? 0 : it->second;
+        const Entry* e = Find(p);
+        return e ? e->closeThread : 0;
     }
-    // Sockets in the order they first appeared.
+    // Sockets in the order they first appeared (an address may repeat).
     std::vector<const COverlappedSocket*> Sockets() const
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return m_order;
+        std::vector<const COverlappedSocket*> v;
+        for (const Entry& e : m_entries)
+            v.push_back(e.socket);
+        return v;
+    }
+    // Every log, in order of first appearance.
+    std::vector<std::vector<std::string>> Logs() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<std::vector<std::string>> v;
+        for (const Entry& e : m_entries)
+            v.push_back(e.log);
+        return v;
     }
     size_t CountLogsEqual(const std::vector<std::string>& log) const
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         size_t n = 0;
-        for (const auto& entry : m_log)
-            if (entry.second == log)
+        for (const Entry& e : m_entries)
+            if (e.log == log)
                 ++n;
         return n;
     }
 
 private:
+    struct Entry {
+        const COverlappedSocket* socket;
+        std::vector<std::string> log;
+        std::string received;
+        long long sent = 0;
+        int closeError = -1;
+        DWORD closeThread = 0;
+    };
+
+    // Caller holds m_mutex. The live entry of p, or its latest one.
+    const Entry* Find(const COverlappedSocket* p) const
+    {
+        auto live = m_live.find(p);
+        if (live != m_live.end())
+            return &m_entries[live->second];
+        for (size_t i = m_entries.size(); i-- > 0;)
+            if (m_entries[i].socket == p)
+                return &m_entries[i];
+        return nullptr;
+    }
+    // Caller holds m_mutex.
+    Entry& Live(const COverlappedSocket* p)
+    {
+        auto live = m_live.find(p);
+        if (live != m_live.end())
+            return m_entries[live->second];
+        m_entries.push_back(Entry{p, {}, {}});
+        m_live[p] = m_entries.size() - 1;
+        return m_entries.back();
+    }
     void Record(const COverlappedSocket* p, const std::string& what)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        auto& log = m_log[p];
-        if (log.empty() && m_received.find(p) == m_received.end())
-            m_order.push_back(p);
-        log.push_back(what);
+        Live(p).log.push_back(what);
+        if (what == "OnDelete")
+            m_live.erase(p);
     }
 
     mutable std::mutex m_mutex;
-    std::map<const COverlappedSocket*, std::vector<std::string>> m_log;
-    std::map<const COverlappedSocket*, std::string> m_received;
-    std::map<const COverlappedSocket*, long long> m_sent;
-    std::map<const COverlappedSocket*, int> m_closeErrors;
-    std::map<const COverlappedSocket*, DWORD> m_closeThreads;
-    std::vector<const COverlappedSocket*> m_order;
+    std::deque<Entry> m_entries;
+    std::map<const COverlappedSocket*, size_t> m_live;
 };
 
 typedef std::vector<std::string> Log;

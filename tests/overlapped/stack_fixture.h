@@ -39,11 +39,16 @@ protected:
 
     static void ExpectEveryOnDeleteOnceAndLast(const RecordingNotify& notify, const char* side)
     {
-        for (const COverlappedSocket* p : notify.Sockets()) {
-            EXPECT_TRUE(Eventually([&] { Log l = notify.Log(p); return !l.empty() && l.back() == "OnDelete"; },
-                                   std::string(side) + " socket ends with OnDelete"));
-            Log l = notify.Log(p);
-            EXPECT_EQ(1, std::count(l.begin(), l.end(), std::string("OnDelete"))) << side << " socket: one OnDelete";
+        auto allEnded = [&] {
+            for (const Log& l : notify.Logs())
+                if (l.empty() || l.back() != "OnDelete")
+                    return false;
+            return true;
+        };
+        EXPECT_TRUE(Eventually(allEnded, std::string(side) + ": every socket ends with OnDelete"));
+        for (const Log& l : notify.Logs()) {
+            EXPECT_EQ(1, std::count(l.begin(), l.end(), std::string("OnDelete"))) << side << ": one OnDelete";
+            EXPECT_GE(l.size(), 2u) << side << ": OnDelete without any other notification";
         }
     }
 
@@ -94,11 +99,11 @@ protected:
     // The n-th socket (in order of first notification) whose log begins with OnConnect(0).
     static const COverlappedSocket* Accepted(const RecordingNotify& notify, size_t n = 0)
     {
-        for (const COverlappedSocket* p : notify.Sockets()) {
-            Log l = notify.Log(p);
-            if (!l.empty() && l.front() == "OnConnect(0)" && n-- == 0)
-                return p;
-        }
+        auto sockets = notify.Sockets();
+        auto logs = notify.Logs();
+        for (size_t i = 0; i < sockets.size() && i < logs.size(); ++i)
+            if (!logs[i].empty() && logs[i].front() == "OnConnect(0)" && n-- == 0)
+                return sockets[i];
         return nullptr;
     }
 

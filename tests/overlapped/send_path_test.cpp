@@ -1,0 +1,105 @@
+// The send path: splitting into 4096-byte records, merging into the last
+// waiting record, the backlog queries, and the failures of Send.
+#include "stack_fixture.h"
+
+namespace {
+
+struct Backlog {
+    size_t packs, bytes;
+};
+
+Backlog BacklogOf(const SocketPtr& s) { return {s->GetWaitSendListPackSize(), s->GetWaitSendListBufferSize()}; }
+
+}  // namespace
+
+// A socket that never connects: its first WSASend never finishes (or fails at
+// once), so whatever follows stays in the wait-send list and can be counted.
+TEST_F(StackTest, SendSplitsIntoRecordsAndMergesIntoTheLastWaitingOne)
+{
+    SocketPtr s = factory->CreateSocket(client, 0, L"127.0.0.1");
+    ASSERT_TRUE(s);
+    std::string data = Pattern(20000);
+    ASSERT_EQ(10000, s->Send(data.data(), 10000, 0));
+    Backlog b0 = BacklogOf(s);
+    // 4096 + 4096 + 1808: the first is in flight or, if WSASend failed at once, waits too.
+    ASSERT_TRUE((b0.packs == 2 && b0.bytes == 5904) || (b0.packs == 3 && b0.bytes == 10000))
+        << b0.packs << " records, " << b0.bytes << " bytes";
+
+    ASSERT_EQ(5000, s->Send(data.data(), 5000, 0));   // 2288 into the last, 2712 new
+    Backlog b1 = BacklogOf(s);
+    EXPECT_EQ(b0.packs + 1, b1.packs);
+    EXPECT_EQ(b0.bytes + 5000, b1.bytes);
+
+    ASSERT_EQ(10, s->Send(data.data(), 10, MSG_DONTROUTE));   // other flags: never appended
+    Backlog b2 = BacklogOf(s);
+    EXPECT_EQ(b1.packs + 1, b2.packs);
+    ASSERT_EQ(4080, s->Send(data.data(), 4080, MSG_DONTROUTE));   // that record now holds 4090
+    Backlog b3 = BacklogOf(s);
+    EXPECT_EQ(b2.packs, b3.packs);
+    ASSERT_EQ(10, s->Send(data.data(), 10, MSG_DONTROUTE));   // 6 fill it, 4 go into a new one
+    Backlog b4 = BacklogOf(s);
+    EXPECT_EQ(b3.packs + 1, b4.packs);
+    EXPECT_EQ(b3.bytes + 10, b4.bytes);
+    ASSERT_EQ(4096 * 3, s->Send(data.data(), 4096 * 3, 0));   // 4092 + 4096 + 4096 + 4
+    EXPECT_EQ(b4.packs + 3, BacklogOf(s).packs);
+
+    s->Close();
+    EXPECT_EQ(0u, s->GetWaitSendListPackSize()) << "Close drops what waited";
+    EXPECT_EQ(0, s->Send(data.data(), 1, 0));
+    EXPECT_EQ(WSAENOTSOCK, COverlappedSocket::GetLastError());
+}
+
+TEST_F(StackTest, SendRefusesNothingToSendAndNoBuffer)
+{
+    SocketPtr s = factory->CreateSocket(client, 0, L"127.0.0.1");
+    ASSERT_TRUE(s);
+    char byte = 'x';
+    EXPECT_EQ(0, s->Send(&byte, 0, 0));
+    EXPECT_EQ(0, COverlappedSocket::GetLastError());
+    EXPECT_EQ(0, s->Send(nullptr, 5, 0));
+    EXPECT_EQ(WSA_INVALID_PARAMETER, COverlappedSocket::GetLastError());
+    EXPECT_EQ(0, s->Send(&byte, -1, 0));
+    EXPECT_EQ(WSA_INVALID_PARAMETER, COverlappedSocket::GetLastError());
+    EXPECT_EQ(0u, s->GetWaitSendListPackSize());
+}
+
+TEST_F(StackTest, OneRecordOnAnIdleSocketGoesStraightOut)
+{
+    unsigned short port;
+    SocketPtr listen = Listen(port, 1);
+    server->echo = true;
+    SocketPtr c = ConnectTo(port);
+    ASSERT_TRUE(client->connects.WaitAtLeast(1, "client OnConnect"));
+    std::string data = Pattern(4096);
+    ASSERT_EQ(4096, c->Send(data.data(), 4096, 0));
+    EXPECT_EQ(0u, c->GetWaitSendListPackSize());
+    EXPECT_TRUE(Eventually([&] { return client->Received(c.get()) == data; }, "echo of 4096 bytes"));
+}
+
+TEST_F(StackTest, NoOnSendWhenTheSocketWasToldNotTo)
+{
+    unsigned short port;
+    SocketPtr listen = Listen(port, 1);
+    server->echo = true;
+    SocketPtr c = ConnectTo(port);
+    c->SetNotifyObject(client, 0);
+    ASSERT_TRUE(client->connects.WaitAtLeast(1, "client OnConnect"));
+    ASSERT_EQ(3, c->Send("abc", 3, 0));
+    EXPECT_TRUE(Eventually([&] { return client->Received(c.get()) == "abc"; }, "echo"));
+    EXPECT_EQ(0, client->Sent(c.get()));
+}
+
+TEST_F(StackTest, SetMaxSendPacketSizeClamps)
+{
+    SocketPtr s = factory->CreateSocket(client, 0, L"127.0.0.1");
+    ASSERT_TRUE(s);
+    EXPECT_EQ(4096u, s->GetMaxSendPacketSize());
+    const std::pair<DWORD, DWORD> cases[] = {{0xFFFFFFFF, 4096},  {99, 100},           {100, 100},
+                                             {0, 100},            {0x100000, 0x100000}, {0x100001, 0x100000},
+                                             {0xFFFFFFFE, 0x100000}, {5000, 5000}};
+    for (auto& c : cases) {
+        s->SetMaxSendPacketSize(c.first);
+        EXPECT_EQ(c.second, s->GetMaxSendPacketSize()) << "SetMaxSendPacketSize(" << c.first << ")";
+    }
+    EXPECT_EQ(0xFFFFFFFFu, s->GetReceiveTimeout());
+}
