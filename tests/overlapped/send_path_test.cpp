@@ -103,3 +103,34 @@ TEST_F(StackTest, SetMaxSendPacketSizeClamps)
     }
     EXPECT_EQ(0xFFFFFFFFu, s->GetReceiveTimeout());
 }
+
+// A listener that never accepts, with a full backlog: later connects stay
+// pending. A send issued then, and the socket closed before the connect
+// completes, must not keep the socket alive (see docs/wine-notes.md).
+TEST_F(StackTest, SocketsClosedWhileConnectingAreDestroyedWithTheirSends)
+{
+    unsigned short port = 0;
+    SOCKET listener = ListenLoopback(port, 1);
+    ASSERT_NE(INVALID_SOCKET, listener);
+    std::vector<SocketPtr> sockets;
+    for (int i = 0; i < 6; ++i)
+        sockets.push_back(ConnectTo(port));
+    EXPECT_TRUE(client->connects.WaitAtLeast(1, "the backlog's connects complete"));
+    std::string data = Pattern(6000);
+    for (auto& s : sockets)
+        EXPECT_EQ(6000, s->Send(data.data(), 6000, 0));
+    size_t stillConnecting = 0;
+    for (auto& s : sockets)
+        stillConnecting += client->Log(s.get()).empty() ? 1 : 0;
+    EXPECT_GT(stillConnecting, 0u) << "no connect was left pending";
+    std::vector<const COverlappedSocket*> raw;
+    for (auto& s : sockets) {
+        raw.push_back(s.get());
+        s->Close();
+    }
+    sockets.clear();
+    for (auto* p : raw)
+        EXPECT_TRUE(Eventually([&] { Log l = client->Log(p); return !l.empty() && l.back() == "OnDelete"; },
+                               "closed connecting socket is destroyed before Destory"));
+    closesocket(listener);
+}
