@@ -1,22 +1,34 @@
-// The wisock demo: loads the library as an extension module, reports its
-// module heap and registration, and unloads it.
+// The wisock demo: runs each section and prints a summary table at the end.
+// To add a section: write DemoRow YourSection() in a file of its own, declare
+// it in demo_section.h and list it below.
+#include <winsock2.h>
 #include <windows.h>
 
 #include <cstdio>
+#include <vector>
+
+#include "demo_section.h"
 
 int main()
 {
-    std::printf("wisock demo\n");
-    HMODULE hDll = LoadLibraryW(L"wisock.dll");
-    if (hDll == NULL) {
-        std::printf("  wisock.dll failed to load: error %lu\n", GetLastError());
-        return 1;
+    std::printf("wisock demo\n\n");
+    const DemoSection sections[] = {
+        ModuleSection,
+        CompletionPortEchoSection,
+    };
+    std::vector<DemoRow> rows;
+    for (DemoSection section : sections) {
+        rows.push_back(section());
+        std::printf("\n");
     }
-    HANDLE* pHeap = reinterpret_cast<HANDLE*>(GetProcAddress(hDll, "g_hModuleHeap"));
-    HINSTANCE* pInstance = reinterpret_cast<HINSTANCE*>(GetProcAddress(hDll, "g_hModuleInstance"));
-    std::printf("  %-28s %s\n", "wisock.dll loaded at", pInstance && *pInstance == hDll ? "its instance handle" : "?");
-    std::printf("  %-28s %p\n", "module heap", pHeap ? *pHeap : NULL);
-    FreeLibrary(hDll);
-    std::printf("  %-28s %s\n", "unloaded", "yes");
-    return 0;
+    std::printf("%-24s %-4s %11s %12s %10s %12s  %s\n", "section", "ok", "connections", "bytes", "seconds",
+                "messages/s", "note");
+    bool allOk = true;
+    for (const DemoRow& r : rows) {
+        double rate = r.seconds > 0 ? r.messages / r.seconds : 0.0;
+        std::printf("%-24s %-4s %11ld %12lld %10.2f %12.0f  %s\n", r.name.c_str(), r.ok ? "yes" : "NO", r.connections,
+                    r.bytes, r.seconds, rate, r.note.c_str());
+        allOk = allOk && r.ok;
+    }
+    return allOk ? 0 : 1;
 }
