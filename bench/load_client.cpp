@@ -1,0 +1,152 @@
+// Load client for the echo servers: C connections, each keeping W messages of
+// M bytes in flight for T seconds. Prints messages/s, MB/s and the p50/p99
+// round trip. Traffic goes to 127.0.0.1 only.
+// Usage: bench_load_client --port P [--connections C] [--size M] [--window W] [--seconds T]
+#include <winsock2.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "bench_args.h"
+
+namespace {
+
+struct Job {
+    unsigned short port;
+    int size, window;
+    ULONGLONG deadline;
+    std::vector<double> rtts;   // microseconds
+    long long messages = 0;
+    bool failed = false;
+};
+
+double g_tickToUs;
+
+double NowUs()
+{
+    LARGE_INTEGER t;
+    QueryPerformanceCounter(&t);
+    return t.QuadPart * g_tickToUs;
+}
+
+SOCKET ConnectWithRetry(unsigned short port)
+{
+    ULONGLONG giveUp = GetTickCount64() + 10000;
+    while (GetTickCount64() < giveUp) {
+        SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+        sockaddr_in a = {};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.sin_port = htons(port);
+        if (connect(s, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0) {
+            int one = 1;
+            setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char*>(&one), sizeof(one));
+            return s;
+        }
+        closesocket(s);
+        Sleep(50);   // the server is still starting
+    }
+    return INVALID_SOCKET;
+}
+
+bool SendMessage(SOCKET s, const std::string& m)
+{
+    size_t done = 0;
+    while (done < m.size()) {
+        int n = send(s, m.data() + done, static_cast<int>(m.size() - done), 0);
+        if (n <= 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+DWORD WINAPI Run(void* p)
+{
+    Job& job = *static_cast<Job*>(p);
+    SOCKET s = ConnectWithRetry(job.port);
+    if (s == INVALID_SOCKET) {
+        job.failed = true;
+        return 0;
+    }
+    std::string message(static_cast<size_t>(job.size), 'b');
+    std::deque<double> sentAt;
+    for (int i = 0; i < job.window; ++i) {
+        sentAt.push_back(NowUs());
+        if (!SendMessage(s, message))
+            job.failed = true;
+    }
+    std::vector<char> buf(65536);
+    long long pending = 0;   // bytes of the current echo received so far
+    while (!job.failed && !sentAt.empty()) {
+        int n = recv(s, buf.data(), static_cast<int>(buf.size()), 0);
+        if (n <= 0) {
+            job.failed = true;
+            break;
+        }
+        pending += n;
+        while (pending >= job.size && !sentAt.empty()) {
+            pending -= job.size;
+            job.rtts.push_back(NowUs() - sentAt.front());
+            sentAt.pop_front();
+            ++job.messages;
+            if (GetTickCount64() < job.deadline) {
+                sentAt.push_back(NowUs());
+                if (!SendMessage(s, message))
+                    job.failed = true;
+            }
+        }
+    }
+    closesocket(s);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    BenchArgs args{argc, argv};
+    LARGE_INTEGER f;
+    QueryPerformanceFrequency(&f);
+    g_tickToUs = 1e6 / static_cast<double>(f.QuadPart);
+    WSADATA wsa;
+    WSAStartup(MAKEWORD(2, 2), &wsa);
+    int connections = static_cast<int>(args.Number("--connections", 16));
+    int size = static_cast<int>(args.Number("--size", 1024));
+    int window = static_cast<int>(args.Number("--window", 4));
+    long seconds = args.Number("--seconds", 3);
+    unsigned short port = static_cast<unsigned short>(args.Number("--port", 0));
+    std::vector<Job> jobs(static_cast<size_t>(connections));
+    std::vector<HANDLE> threads;
+    double t0 = NowUs();
+    ULONGLONG deadline = GetTickCount64() + static_cast<ULONGLONG>(seconds) * 1000;
+    for (Job& j : jobs) {
+        j.port = port;
+        j.size = size;
+        j.window = window;
+        j.deadline = deadline;
+        threads.push_back(CreateThread(NULL, 0, Run, &j, 0, NULL));
+    }
+    for (HANDLE h : threads) {
+        WaitForSingleObject(h, INFINITE);
+        CloseHandle(h);
+    }
+    double elapsed = (NowUs() - t0) / 1e6;
+    std::vector<double> rtts;
+    long long messages = 0;
+    int failed = 0;
+    for (Job& j : jobs) {
+        rtts.insert(rtts.end(), j.rtts.begin(), j.rtts.end());
+        messages += j.messages;
+        failed += j.failed ? 1 : 0;
+    }
+    std::sort(rtts.begin(), rtts.end());
+    auto pct = [&](double q) { return rtts.empty() ? 0.0 : rtts[static_cast<size_t>(q * (rtts.size() - 1))]; };
+    std::printf("messages/s %.0f MB/s %.2f p50_us %.0f p99_us %.0f connections %d failed %d\n", messages / elapsed,
+                2.0 * messages * size / elapsed / 1e6, pct(0.50), pct(0.99), connections, failed);
+    return failed ? 1 : 0;
+}
