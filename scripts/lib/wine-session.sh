@@ -32,6 +32,11 @@ wine_session_start() {
   if [ ! -f "$WINEPREFIX/system.reg" ]; then
     "$(dirname "${BASH_SOURCE[0]}")/../wine-exec" wineboot -i >/dev/null 2>&1 || true
   fi
+  # Start Wine's services (services.exe, winedevice.exe, ...) here, away from
+  # any test's output: otherwise the first program of the session starts them,
+  # they inherit its stdout pipe, and ctest waits for that pipe to close until
+  # the test's time-out, although the program itself has ended.
+  "$(dirname "${BASH_SOURCE[0]}")/../wine-exec" wineboot >/dev/null 2>&1 || true
 }
 
 wine_session_stop() {
