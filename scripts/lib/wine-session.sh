@@ -32,6 +32,12 @@ wine_session_start() {
   if [ ! -f "$WINEPREFIX/system.reg" ]; then
     "$(dirname "${BASH_SOURCE[0]}")/../wine-exec" wineboot -i >/dev/null 2>&1 || true
   fi
+  # The first window of a session starts Wine's desktop process (explorer.exe),
+  # which lives until the wineserver stops and keeps the stdio of the program
+  # that started it. Start it here with /dev/null, so that it doesn't hold the
+  # output pipe of a test program and make ctest wait for it.
+  "$(dirname "${BASH_SOURCE[0]}")/../wine-exec" rundll32.exe user32.dll,GetDesktopWindow \
+    </dev/null >/dev/null 2>&1 || true
   # Start Wine's services (services.exe, winedevice.exe, ...) here, away from
   # any test's output: otherwise the first program of the session starts them,
   # they inherit its stdout pipe, and ctest waits for that pipe to close until

@@ -11,6 +11,17 @@
 
 IMPLEMENT_DYNAMIC(CWiComm, CObject)
 
+// Storage for the constants, so applications may bind references to them.
+const int CWiComm::CLASSID_INVALID;
+const int CWiComm::CLASSID_WICOM;
+const int CWiComm::CLASSID_WITCP;
+const int CWiComm::CLASSID_WIUDP;
+const int CWiComm::DEVICE;
+const int CWiComm::OPEN;
+const int CWiComm::CLOSE;
+const int CWiComm::READ;
+const int CWiComm::WRITE;
+
 int CWiComm::ms_bStartup = 0;
 CCriticalSection CWiComm::ms_csCommSet;
 CWiComm::CommMap CWiComm::ms_ActiveComm;

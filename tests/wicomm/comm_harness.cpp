@@ -1,0 +1,238 @@
+#include "comm_harness.h"
+
+#include "module/scope_lock.h"
+
+// ---- Recorder -------------------------------------------------------------------
+
+void Recorder::Add(const std::string& kind, const CommPtr& spComm, int a, int b, const void* pData)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_events.push_back({kind, spComm.get(), a, b, GetCurrentThreadId()});
+        if (kind == "read" && a > 0)
+            m_data.push_back({spComm.get(), std::string(static_cast<const char*>(pData), a)});
+        if (kind == "open")
+            m_spLastOpened = spComm;
+    }
+    m_changed.notify_all();
+}
+
+void Recorder::OnOpen(CommPtr spComm)
+{
+    Add("open", spComm, 0, 0);
+    if (onOpen)
+        onOpen(spComm);
+}
+
+void Recorder::OnClose(CommPtr spComm)
+{
+    Add("close", spComm, 0, 0);
+    if (onClose)
+        onClose(spComm);
+}
+
+void Recorder::OnReadComplete(const void* pData, int nLength, CommPtr spComm)
+{
+    Add("read", spComm, nLength, 0, pData);
+    if (onRead)
+        onRead(pData, nLength, spComm);
+}
+
+void Recorder::OnWriteComplete(int nLength, CommPtr spComm)
+{
+    Add("write", spComm, nLength, 0);
+    if (onWrite)
+        onWrite(nLength, spComm);
+}
+
+void Recorder::OnError(int nOperation, int nErrorCode, CommPtr spComm)
+{
+    Add("error", spComm, nOperation, nErrorCode);
+    if (onError)
+        onError(nOperation, nErrorCode, spComm);
+}
+
+std::vector<CommEvent> Recorder::Events() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_events;
+}
+
+std::vector<std::string> Recorder::Kinds(CWiComm* pComm) const
+{
+    std::vector<std::string> out;
+    for (const CommEvent& e : Events()) {
+        if (pComm != nullptr && e.pComm != pComm)
+            continue;
+        std::string text = e.kind;
+        if (e.kind == "read" || e.kind == "write")
+            text += ":" + std::to_string(e.a);
+        else if (e.kind == "error")
+            text += ":" + std::to_string(e.a) + ":" + std::to_string(e.b);
+        out.push_back(text);
+    }
+    return out;
+}
+
+int Recorder::Count(const std::string& kind, CWiComm* pComm) const
+{
+    int n = 0;
+    for (const CommEvent& e : Events())
+        if (e.kind == kind && (pComm == nullptr || e.pComm == pComm))
+            ++n;
+    return n;
+}
+
+std::string Recorder::Data(CWiComm* pComm) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::string out;
+    for (const auto& d : m_data)
+        if (d.first == pComm)
+            out += d.second;
+    return out;
+}
+
+long Recorder::WrittenBytes(CWiComm* pComm) const
+{
+    long n = 0;
+    for (const CommEvent& e : Events())
+        if (e.kind == "write" && e.pComm == pComm)
+            n += e.a;
+    return n;
+}
+
+std::vector<int> Recorder::Lengths(const std::string& kind, CWiComm* pComm) const
+{
+    std::vector<int> out;
+    for (const CommEvent& e : Events())
+        if (e.kind == kind && e.pComm == pComm)
+            out.push_back(e.a);
+    return out;
+}
+
+CommPtr Recorder::LastOpened() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_spLastOpened;
+}
+
+void Recorder::Forget()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_spLastOpened.reset();
+}
+
+::testing::AssertionResult Recorder::WaitFor(const std::function<bool()>& condition, const std::string& what,
+                                             std::chrono::milliseconds timeout) const
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (condition())
+            return ::testing::AssertionSuccess();
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_changed.wait_until(lock, deadline) == std::cv_status::timeout) {
+            lock.unlock();
+            if (condition())
+                return ::testing::AssertionSuccess();
+            return ::testing::AssertionFailure() << "timed out after " << timeout.count()
+                                                 << " ms waiting for: " << what;
+        }
+    }
+}
+
+// ---- fixture ----------------------------------------------------------------------
+
+void WiCommTest::SetUp()
+{
+    SetEnvironmentVariableW(L"SEALKIT_VERIFY", L"0");
+    ASSERT_EQ(1, CWiComm::Startup());
+    m_window.reset(new WindowThread);
+    m_debug.Clear();
+}
+
+void WiCommTest::TearDown()
+{
+    // The stop runs on the window thread, so windows still open go at once.
+    m_window->Run([] { CWiComm::Cleanup(); });
+    m_window.reset();
+}
+
+CommPtr WiCommTest::Make(const std::string& option, ICommNotifyObject* pNotify, int nSSLMode)
+{
+    CommPtr spComm;
+    EXPECT_TRUE(m_window->Run([&] {
+        spComm = CWiComm::NewObject(CWiComm::CLASSID_WITCP, option.c_str(), pNotify, nSSLMode);
+    }));
+    return spComm;
+}
+
+CommPtr WiCommTest::Listen(ICommNotifyObject* pNotify, int nSSLMode)
+{
+    m_port = FreeLoopbackPort();
+    return Make("S:" + std::to_string(m_port), pNotify, nSSLMode);
+}
+
+std::string WiCommTest::ConnectOption() const { return "C:0,127.0.0.1," + std::to_string(m_port); }
+
+CommPtr WiCommTest::Connect(ICommNotifyObject* pNotify, int nSSLMode)
+{
+    return Make(ConnectOption(), pNotify, nSSLMode);
+}
+
+// ---- peeks and helpers ----------------------------------------------------------------
+
+size_t TcpPeek::DeadCount()
+{
+    CScopeLock lock(TcpPeek::ms_csCommSet);
+    return TcpPeek::ms_DeadComm.size();
+}
+
+size_t TcpPeek::ActiveCount()
+{
+    CScopeLock lock(TcpPeek::ms_csCommSet);
+    return TcpPeek::ms_ActiveComm.size();
+}
+
+namespace {
+
+struct SinkCount {
+    int n = 0;
+};
+
+BOOL CALLBACK CountSink(HWND hWnd, LPARAM lParam)
+{
+    wchar_t name[64] = {};
+    GetClassNameW(hWnd, name, 64);
+    if (wcscmp(name, L"SocketSink") == 0)
+        ++reinterpret_cast<SinkCount*>(lParam)->n;
+    return TRUE;
+}
+
+}  // namespace
+
+int SinkWindowsOf(DWORD nThread)
+{
+    SinkCount count;
+    EnumThreadWindows(nThread, CountSink, (LPARAM)&count);
+    return count.n;
+}
+
+std::vector<char> Pattern(size_t size, unsigned seed)
+{
+    std::vector<char> data(size);
+    unsigned x = seed * 2654435761u + 1;
+    for (size_t i = 0; i < size; ++i) {
+        x = x * 1103515245u + 12345u;
+        data[i] = (char)(x >> 16);
+    }
+    return data;
+}
+
+std::string Narrow(const CString& text)
+{
+    std::string out;
+    for (int i = 0; i < text.GetLength(); ++i)
+        out += (char)text[i];
+    return out;
+}

@@ -1,0 +1,107 @@
+// Helpers of the message-window tests: a notify object that records what
+// arrives, a window thread with the stack started, and access to fields.
+#ifndef WISOCK_TESTS_WICOMM_COMM_HARNESS_H
+#define WISOCK_TESTS_WICOMM_COMM_HARNESS_H
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/debug_capture.h"
+#include "support/net.h"
+#include "support/wait.h"
+#include "support/window_thread.h"
+#include "wicomm/wi_tcp.h"
+
+typedef std::shared_ptr<CWiComm> CommPtr;
+
+// One notification as the recorder saw it.
+struct CommEvent {
+    std::string kind;   // open, close, read, write, error
+    CWiComm* pComm;
+    int a;              // read/write: length; error: operation
+    int b;              // error: code
+    DWORD nThread;
+};
+
+class Recorder : public ICommNotifyObject {
+public:
+    std::function<void(CommPtr)> onOpen, onClose;
+    std::function<void(const void*, int, CommPtr)> onRead;
+    std::function<void(int, CommPtr)> onWrite;
+    std::function<void(int, int, CommPtr)> onError;
+
+    void OnOpen(CommPtr spComm) override;
+    void OnClose(CommPtr spComm) override;
+    void OnReadComplete(const void* pData, int nLength, CommPtr spComm) override;
+    void OnWriteComplete(int nLength, CommPtr spComm) override;
+    void OnError(int nOperation, int nErrorCode, CommPtr spComm) override;
+
+    // "open", "read:5", "error:1:-1", ... for one object (all with null).
+    std::vector<std::string> Kinds(CWiComm* pComm = nullptr) const;
+    std::vector<CommEvent> Events() const;
+    int Count(const std::string& kind, CWiComm* pComm = nullptr) const;
+    std::string Data(CWiComm* pComm) const;      // all bytes read by the object
+    long WrittenBytes(CWiComm* pComm) const;     // sum of OnWriteComplete lengths
+    std::vector<int> Lengths(const std::string& kind, CWiComm* pComm) const;
+    // Accepted objects (OnOpen with "C:" on a recorder that serves a listener).
+    CommPtr LastOpened() const;
+    void Forget();   // drops the references the recorder holds
+    ::testing::AssertionResult WaitFor(const std::function<bool()>& condition, const std::string& what,
+                                       std::chrono::milliseconds timeout = kDefaultWait) const;
+
+private:
+    void Add(const std::string& kind, const CommPtr& spComm, int a, int b, const void* pData = nullptr);
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_changed;
+    std::vector<CommEvent> m_events;
+    std::vector<std::pair<CWiComm*, std::string>> m_data;
+    CommPtr m_spLastOpened;
+};
+
+// Each test: the stack started, a window thread, the debug output captured.
+class WiCommTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // NewObject on the window thread.
+    CommPtr Make(const std::string& option, ICommNotifyObject* pNotify, int nSSLMode = -1);
+    // A listener on a free port of this machine; its port in m_port.
+    CommPtr Listen(ICommNotifyObject* pNotify, int nSSLMode = -1);
+    // A client of m_port.
+    CommPtr Connect(ICommNotifyObject* pNotify, int nSSLMode = -1);
+    std::string ConnectOption() const;
+    void OnWindow(const std::function<void()>& fn) { ASSERT_TRUE(m_window->Run(fn)); }
+
+    WinsockScope m_winsock;
+    std::unique_ptr<WindowThread> m_window;
+    DebugCapture m_debug;
+    unsigned short m_port = 0;
+};
+
+// Protected fields of a CWiTcp, for checks that the public interface can't make.
+struct TcpPeek : CWiTcp {
+    static CWiTcp* Tcp(const CommPtr& sp) { return static_cast<CWiTcp*>(sp.get()); }
+    static SOCKET Socket(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_hSocket); }
+    static HWND Window(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_hWnd); }
+    static UINT_PTR TimerId(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_nTimerID); }
+    static std::list<SendBlock>& Queue(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_listSendBuffer); }
+    static size_t& QueuedBytes(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_nSendBufferSize); }
+    static int BytesToRead(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_nBytesToRead); }
+    static int ReadBufferSize(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_nReadBufferSize); }
+    static size_t DeadCount();
+    static size_t ActiveCount();
+};
+
+// Windows of class "SocketSink" that belong to the thread.
+int SinkWindowsOf(DWORD nThread);
+std::vector<char> Pattern(size_t size, unsigned seed);
+std::string Narrow(const CString& text);
+
+#endif
