@@ -1,0 +1,127 @@
+// Closing: from the window thread, from another thread, twice, inside
+// OnClose, while connecting, and on a listener.
+#include "comm_harness.h"
+
+namespace {
+
+class CloseTest : public WiCommTest {
+protected:
+    // A connected pair: client and the accepted object.
+    void Pair(Recorder& srv, Recorder& cli)
+    {
+        listener = Listen(&srv);
+        ASSERT_TRUE(listener);
+        client = Connect(&cli);
+        ASSERT_TRUE(client);
+        ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "client OnOpen"));
+        ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == 2; }, "accepted OnOpen"));
+        accepted = srv.LastOpened();
+        srv.Forget();
+    }
+    CommPtr listener, client, accepted;
+};
+
+TEST_F(CloseTest, OnTheWindowThreadTheTeardownIsDoneWhenCloseReturns)
+{
+    Recorder srv, cli;
+    Pair(srv, cli);
+    int result = 0, valid = -1;
+    OnWindow([&] {
+        result = client->Close();
+        valid = CWiComm::IsValidObject(client.get());
+    });
+    EXPECT_EQ(1, result);
+    EXPECT_EQ(0, valid);
+    EXPECT_EQ(std::vector<std::string>({"open", "close"}), cli.Kinds(client.get()));
+    EXPECT_EQ(INVALID_SOCKET, TcpPeek::Socket(client));
+    EXPECT_EQ(NULL, TcpPeek::Window(client));
+    OnWindow([&] { result = client->Close(); });
+    EXPECT_EQ(1, result) << "a second Close";
+    EXPECT_EQ(1, cli.Count("close"));
+    EXPECT_EQ(0, client->Write("x", 1)) << "Write on a closed object";
+    // The peer's side: FD_CLOSE gives OnClose; the object stays until it closes.
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("close", accepted.get()) == 1; }, "peer OnClose"));
+    EXPECT_EQ(1, CWiComm::IsValidObject(accepted.get())) << "a peer close only informs";
+}
+
+TEST_F(CloseTest, FromAnotherThreadCloseOnlyAsks)
+{
+    Recorder srv, cli;
+    Pair(srv, cli);
+    EXPECT_EQ(1, client->Close());
+    EXPECT_EQ(1, client->Close()) << "twice from another thread";
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("close") == 1; }, "OnClose on the window thread"));
+    EXPECT_EQ(m_window->ThreadId(), cli.Events().back().nThread);
+    ASSERT_TRUE(Eventually([&] { return CWiComm::IsValidObject(client.get()) == 0; }, "client dead"));
+    OnWindow([] {});   // the second posted close has been handled too
+    EXPECT_EQ(1, cli.Count("close"));
+}
+
+TEST_F(CloseTest, CloseInsideOnCloseAfterAPeerClose)
+{
+    Recorder srv, cli;
+    Pair(srv, cli);
+    int during = -1;
+    srv.onClose = [&](CommPtr sp) {
+        sp->Close();
+        during = CWiComm::IsValidObject(sp.get());
+    };
+    OnWindow([&] { client->Close(); });
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("close", accepted.get()) == 1; }, "OnClose of the accepted"));
+    OnWindow([] {});
+    EXPECT_EQ(0, during) << "the object is dead when Close inside OnClose returns";
+    EXPECT_EQ(1, srv.Count("close", accepted.get()));
+    EXPECT_EQ(INVALID_SOCKET, TcpPeek::Socket(accepted));
+}
+
+TEST_F(CloseTest, CloseWhileConnectingGivesOnCloseWithoutOnOpen)
+{
+    Recorder cli;
+    unsigned short port = 0;
+    SOCKET stalled = ListenLoopback(port, 1);
+    std::vector<SOCKET> fillers;
+    for (int i = 0; i < 8; ++i) {
+        SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+        u_long nb = 1;
+        ioctlsocket(s, FIONBIO, &nb);
+        sockaddr_in addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(port);
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connect(s, (sockaddr*)&addr, sizeof(addr));
+        fillers.push_back(s);
+    }
+    m_port = port;
+    CommPtr client = Connect(&cli);
+    ASSERT_TRUE(client);
+    EXPECT_EQ(0, client->Write("x", 1)) << "Write during a connect";
+    OnWindow([&] { client->Close(); });
+    EXPECT_EQ(std::vector<std::string>{"close"}, cli.Kinds());
+    for (SOCKET s : fillers)
+        closesocket(s);
+    closesocket(stalled);
+}
+
+TEST_F(CloseTest, ClosingAListenerLeavesAcceptedObjectsWorking)
+{
+    Recorder srv, cli;
+    Pair(srv, cli);
+    OnWindow([&] { listener->Close(); });
+    EXPECT_EQ(1, srv.Count("close", listener.get()));
+    EXPECT_EQ(0, CWiComm::IsValidObject(listener.get()));
+    EXPECT_EQ(1, CWiComm::IsValidObject(accepted.get()));
+    ASSERT_EQ(1, client->Write("ping", 4));
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()) == "ping"; }, "data after the listener closed"));
+}
+
+TEST_F(CloseTest, PostedCloseWithAStaleSocketIsIgnored)
+{
+    Recorder srv, cli;
+    Pair(srv, cli);
+    OnWindow([&] { SendMessageW(TcpPeek::Window(client), WM_WISOCKET_CLOSE, (WPARAM)12345, 32); });
+    OnWindow([&] { SendMessageW(TcpPeek::Window(client), WM_WISOCKET_CLOSE, (WPARAM)TcpPeek::Socket(client), 31); });
+    EXPECT_EQ(1, CWiComm::IsValidObject(client.get()));
+    EXPECT_EQ(0, cli.Count("close"));
+}
+
+}  // namespace

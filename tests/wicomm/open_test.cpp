@@ -1,0 +1,149 @@
+// Opening: option strings, listening, connecting, accepting, and the ways a
+// connect ends without a connection.
+#include "comm_harness.h"
+
+namespace {
+
+class OpenTest : public WiCommTest {};
+
+TEST_F(OpenTest, OptionStringsThatFailMakeNoObject)
+{
+    Recorder rec;
+    const char* bad[] = {"S:0", "S:abc", "C:1,2", "X:1,2.3.4.5,6", "C:0,localhost,80", "C:0,255.255.255.255,80",
+                         "C:0,127.0.0.1,0", "S8000", "",
+                         "C:0,1234567890123456789012345678901234567890,80"};   // 40 characters
+    for (const char* option : bad) {
+        CommPtr sp = Make(option, &rec);
+        EXPECT_FALSE(sp) << "option \"" << option << "\"";
+    }
+    CommPtr sp;
+    OnWindow([&] { sp = CWiComm::NewObject(CWiComm::CLASSID_WITCP, nullptr, &rec, -1); });
+    EXPECT_FALSE(sp) << "null option";
+    EXPECT_TRUE(rec.Events().empty()) << "a failed open notifies nothing";
+    EXPECT_EQ(0, SinkWindowsOf(m_window->ThreadId())) << "failed objects keep no window";
+}
+
+TEST_F(OpenTest, ListenFormsAndTheirText)
+{
+    Recorder rec;
+    unsigned short port = FreeLoopbackPort();
+    CommPtr a = Make("  s:" + std::to_string(port), &rec);
+    ASSERT_TRUE(a) << "leading blanks and lower case";
+    EXPECT_EQ("S:" + std::to_string(port), Narrow(a->GetOpenOption()));
+    EXPECT_EQ(1, a->IsOpen());
+    EXPECT_EQ(std::vector<std::string>{"open"}, rec.Kinds(a.get())) << "OnOpen comes within NewObject";
+    EXPECT_EQ(0, a->SetTimeouts(100, 100, 100, 0)) << "a listener has no time-outs";
+    EXPECT_EQ(0, a->Write("x", 1)) << "a listener takes no data";
+    EXPECT_EQ(0, a->SetCommOpt("anything"));
+
+    unsigned short port2 = FreeLoopbackPort();
+    CommPtr b = Make("Server:" + std::to_string(port2) + ",1", &rec);
+    ASSERT_TRUE(b);
+    int reuse = 0, len = sizeof(reuse);
+    getsockopt(TcpPeek::Socket(b), SOL_SOCKET, SO_REUSEADDR, (char*)&reuse, &len);
+    EXPECT_EQ(1, reuse);
+    // The same port again without reuse can't be bound.
+    CommPtr c = Make("S:" + std::to_string(port2), &rec);
+    EXPECT_FALSE(c);
+    EXPECT_EQ((long)htons(port2), static_cast<CWiSocket*>(b.get())->GetLocalPort())
+        << "GetLocalPort gives the port as the address record holds it";
+}
+
+TEST_F(OpenTest, ConnectAcceptAndTheirTexts)
+{
+    Recorder srv, cli;
+    CommPtr listener = Listen(&srv);
+    ASSERT_TRUE(listener);
+    CommPtr client = Connect(&cli);
+    ASSERT_TRUE(client);
+    std::string underWay = Narrow(client->GetOpenOption());
+    EXPECT_EQ(0u, underWay.find("C:")) << underWay;
+    EXPECT_NE(std::string::npos, underWay.find(",127.0.0.1," + std::to_string(m_port))) << underWay;
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "client OnOpen"));
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == 2; }, "OnOpen of the accepted object"));
+    CommPtr accepted = srv.LastOpened();
+    ASSERT_NE(accepted.get(), listener.get());
+    EXPECT_EQ(1, CWiComm::IsValidObject(accepted.get()));
+    EXPECT_EQ(1, client->IsOpen());
+    EXPECT_EQ(1, accepted->IsOpen());
+    CWiSocket* pClient = static_cast<CWiSocket*>(client.get());
+    CWiSocket* pAccepted = static_cast<CWiSocket*>(accepted.get());
+    unsigned clientPort = ntohs((u_short)pClient->GetLocalPort());
+    EXPECT_EQ("C:" + std::to_string(clientPort) + ",127.0.0.1," + std::to_string(m_port),
+              Narrow(client->GetOpenOption()));
+    EXPECT_EQ("C:" + std::to_string(m_port) + ",127.0.0.1," + std::to_string(clientPort),
+              Narrow(accepted->GetOpenOption()));
+    CWiSockAddr peer;
+    ASSERT_EQ(1, pAccepted->GetPeerAddr(peer));
+    EXPECT_EQ(htons((u_short)clientPort), peer.sin_port);
+    EXPECT_EQ((long)htons((u_short)clientPort), pAccepted->GetPeerPort());
+    for (const CommEvent& e : srv.Events())
+        EXPECT_EQ(m_window->ThreadId(), e.nThread) << "notifications run on the window thread";
+}
+
+TEST_F(OpenTest, PortIsCutToSixteenBits)
+{
+    Recorder srv, cli;
+    ASSERT_TRUE(Listen(&srv));
+    CommPtr client = Make("connect:0,127.0.0.1," + std::to_string(65536 + m_port), &cli);
+    ASSERT_TRUE(client);
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "OnOpen through port + 65536"));
+}
+
+TEST_F(OpenTest, RefusedConnectGivesOpenErrorThenClose)
+{
+    Recorder cli;
+    m_port = FreeLoopbackPort();
+    CommPtr client = Connect(&cli);
+    ASSERT_TRUE(client) << "the refusal comes later, as FD_CONNECT";
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("close") == 1; }, "OnClose after the refusal"));
+    EXPECT_EQ((std::vector<std::string>{"error:1:10061", "close"}), cli.Kinds());
+    EXPECT_EQ(0, CWiComm::IsValidObject(client.get()));
+    EXPECT_EQ(INVALID_SOCKET, TcpPeek::Socket(client));
+}
+
+// A listener whose accept queue is full: the next connect stays under way.
+struct StalledListener {
+    StalledListener()
+    {
+        listener = ListenLoopback(port, 1);
+        for (int i = 0; i < 8; ++i) {
+            SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+            u_long nb = 1;
+            ioctlsocket(s, FIONBIO, &nb);
+            sockaddr_in addr = {};
+            addr.sin_family = AF_INET;
+            addr.sin_port = htons(port);
+            addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            connect(s, (sockaddr*)&addr, sizeof(addr));
+            fillers.push_back(s);
+        }
+    }
+    ~StalledListener()
+    {
+        for (SOCKET s : fillers)
+            closesocket(s);
+        closesocket(listener);
+    }
+    unsigned short port = 0;
+    SOCKET listener = INVALID_SOCKET;
+    std::vector<SOCKET> fillers;
+};
+
+TEST_F(OpenTest, ConnectTimeOutGivesOpenErrorMinusOneThenClose)
+{
+    StalledListener stalled;
+    m_port = stalled.port;
+    Recorder cli;
+    CommPtr client = Connect(&cli);
+    ASSERT_TRUE(client);
+    ASSERT_EQ(0, client->IsOpen());
+    // From this thread, not the window's: the timer still runs on the window thread.
+    EXPECT_EQ(1, client->SetTimeouts(100, 300, 200, 0));
+    EXPECT_EQ(1, client->SetTimeouts(50, 50, 50, 0)) << "a second call during the connect";
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("close") == 1; }, "OnClose after the connect time-out"));
+    EXPECT_EQ((std::vector<std::string>{"error:1:-1", "close"}), cli.Kinds());
+    EXPECT_EQ(0, CWiComm::IsValidObject(client.get()));
+}
+
+}  // namespace
