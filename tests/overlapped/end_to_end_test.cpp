@@ -96,7 +96,7 @@ TEST_F(StackTest, PeerCloseGivesOneOnCloseThenOnDelete)
     DebugCapture trace;
     unsigned short port;
     SocketPtr listen = Listen(port, 2);
-    SOCKET peer = ConnectLoopback(port);
+    SOCKET peer = Peer(port);
     ASSERT_NE(INVALID_SOCKET, peer);
     ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
     closesocket(peer);
@@ -115,7 +115,7 @@ TEST_F(StackTest, ApplicationCloseReportsOnTheCallingThreadAndEndsThePeer)
         std::lock_guard<std::mutex> lock(m);
         accepted = s;
     };
-    SOCKET peer = ConnectLoopback(port);
+    SOCKET peer = Peer(port);
     ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
     SocketPtr s;
     {
@@ -146,7 +146,7 @@ TEST_F(StackTest, CloseInsideOnConnectEndsTheSocketOnce)
     unsigned short port;
     SocketPtr listen = Listen(port, 1);
     server->onConnect = [](int, SocketPtr s) { s->Close(); };
-    SOCKET peer = ConnectLoopback(port);
+    SOCKET peer = Peer(port);
     ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
     EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
     EXPECT_TRUE(trace.WaitFor(L"PrepareRecv failed\n"));
@@ -162,7 +162,7 @@ TEST_F(StackTest, CloseInsideOnReceiveEndsTheSocketOnce)
     unsigned short port;
     SocketPtr listen = Listen(port, 1);
     server->onReceive = [](const void*, int, SocketPtr s) { s->Close(); };
-    SOCKET peer = ConnectLoopback(port);
+    SOCKET peer = Peer(port);
     ASSERT_TRUE(SendAll(peer, "hello", 5));
     EXPECT_TRUE(server->closes.WaitAtLeast(1, "OnClose"));
     EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnReceive", "OnClose(0)", "OnDelete"}));
@@ -174,7 +174,7 @@ TEST_F(StackTest, CloseInsideOnCloseOfAPeerCloseReportsOnce)
     unsigned short port;
     SocketPtr listen = Listen(port, 1);
     server->onClose = [](int, SocketPtr s) { s->Close(); };
-    SOCKET peer = ConnectLoopback(port);
+    SOCKET peer = Peer(port);
     ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
     closesocket(peer);
     EXPECT_TRUE(LogBecomes(*server, Accepted(*server), kAcceptedThenPeerClosed));
@@ -189,7 +189,7 @@ TEST_F(StackTest, CloseInsideOnCloseReportedByCloseItself)
         ++inner;
         s->Close();
     };
-    SOCKET peer = ConnectLoopback(port);
+    SOCKET peer = Peer(port);
     ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
     listen->CloseAllAcceptedSocket();
     EXPECT_EQ(1, inner);
@@ -213,7 +213,7 @@ TEST_F(StackTest, NotifyExceptionsAreDeletedAndTheNextStepRuns)
     server->onConnect = [&](int, SocketPtr) { throw new Thrown(&deleted); };
     server->onReceive = [&](const void*, int, SocketPtr) { throw new Thrown(&deleted); };
     server->onClose = [&](int, SocketPtr) { throw new Thrown(&deleted); };
-    SOCKET peer = ConnectLoopback(port);
+    SOCKET peer = Peer(port);
     ASSERT_TRUE(SendAll(peer, "ping", 4));
     char echo[4];
     ASSERT_TRUE(RecvAll(peer, echo, 4)) << "the receive after a throwing OnConnect was armed";

@@ -32,7 +32,7 @@ TEST_F(StackTest, AcceptPoolKeepsItsSizeAndIsNotRefilledFromAClosedListenSocket)
     server->echo = true;
     std::vector<SOCKET> peers;
     for (int i = 0; i < 4; ++i) {   // one more than the pool: replacements must have been posted
-        peers.push_back(ConnectLoopback(port));
+        peers.push_back(Peer(port));
         ASSERT_TRUE(server->connects.WaitAtLeast(i + 1, "accept " + std::to_string(i + 1)));
     }
     EXPECT_EQ(1, listen->IsListenSocket());
@@ -57,14 +57,14 @@ TEST_F(StackTest, CloseAllAcceptedSocketClosesOnlyThisListenSocketsConnections)
     unsigned short portA, portB;
     SocketPtr a = Listen(portA, 2);
     SocketPtr b = Listen(portB, 2, other);
-    SOCKET peerA = ConnectLoopback(portA), peerB = ConnectLoopback(portB);
+    SOCKET peerA = Peer(portA), peerB = Peer(portB);
     ASSERT_TRUE(server->connects.WaitAtLeast(1, "accept on A"));
     ASSERT_TRUE(other->connects.WaitAtLeast(1, "accept on B"));
     a->CloseAllAcceptedSocket();
     EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
     EXPECT_EQ((Log{"OnConnect(0)"}), other->Log(Accepted(*other)));
     EXPECT_EQ(0, a->IsClose());
-    SOCKET again = ConnectLoopback(portA);
+    SOCKET again = Peer(portA);
     EXPECT_TRUE(server->connects.WaitAtLeast(2, "A still accepts"));
     closesocket(again);
     closesocket(peerA);
@@ -106,13 +106,16 @@ TEST_F(StackTest, DestoryOfOneFactoryLeavesAnotherRunning)
     ASSERT_TRUE(second);
     auto notify = std::make_shared<RecordingNotify>();
     notify->echo = true;
-    unsigned short port = FreeLoopbackPort();
-    SocketPtr listen = second->CreateSocket(notify, port, L"127.0.0.1");
+    SocketPtr listen = second->CreateSocket(notify, 0, L"127.0.0.1");
     ASSERT_TRUE(listen);
     ASSERT_EQ(1, listen->Listen(2));
+    CString address;
+    unsigned int bound = 0;
+    ASSERT_EQ(1, listen->GetSockName(address, bound));
+    unsigned short port = static_cast<unsigned short>(bound);
     second->CreateSocket(notify, listen, 2);
     factory->Destory();
-    SOCKET peer = ConnectLoopback(port);
+    SOCKET peer = Peer(port);
     char buf[2];
     ASSERT_TRUE(SendAll(peer, "hi", 2));
     EXPECT_TRUE(RecvAll(peer, buf, 2)) << "the second factory still echoes";
@@ -125,8 +128,7 @@ TEST_F(StackTest, DestoryOfOneFactoryLeavesAnotherRunning)
 
 TEST_F(StackTest, PoolOverloadCountsAndRefusals)
 {
-    unsigned short port = FreeLoopbackPort();
-    SocketPtr listen = factory->CreateSocket(server, port, L"127.0.0.1");
+    SocketPtr listen = factory->CreateSocket(server, 0, L"127.0.0.1");
     ASSERT_TRUE(listen);
     EXPECT_TRUE(factory->CreateSocket(server, listen, -1).empty());
     EXPECT_TRUE(factory->CreateSocket(server, SocketPtr(), 3).empty());
@@ -138,4 +140,27 @@ TEST_F(StackTest, PoolOverloadCountsAndRefusals)
     auto pool = factory->CreateSocket(server, listen, 0);
     EXPECT_EQ(20u, pool.size());
     EXPECT_EQ(20, std::count_if(pool.begin(), pool.end(), [](const SocketPtr& s) { return bool(s); }));
+}
+
+TEST_F(StackTest, CloseAllSocketClosesEverySocketAndTheFactoryGoesOn)
+{
+    unsigned short port;
+    SocketPtr listen = Listen(port, 2);
+    SocketPtr c = ConnectTo(port);
+    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
+    ASSERT_TRUE(client->connects.WaitAtLeast(1, "client OnConnect"));
+    factory->CloseAllSocket();
+    EXPECT_EQ(1, listen->IsClose());
+    EXPECT_EQ(1, c->IsClose());
+    EXPECT_TRUE(Eventually([&] { return server->CountLogsEqual({"OnConnect(0)", "OnClose(0)", "OnDelete"}) == 1; },
+                           "accepted socket closed and gone"));
+    // The factory still makes working sockets.
+    unsigned short port2;
+    SocketPtr listen2 = Listen(port2, 1);
+    server->echo = true;
+    SOCKET peer = Peer(port2);
+    char buf[2];
+    ASSERT_TRUE(SendAll(peer, "ok", 2));
+    EXPECT_TRUE(RecvAll(peer, buf, 2));
+    closesocket(peer);
 }

@@ -87,7 +87,7 @@ TEST_F(StackTest, ReceiveTimeoutsReportMoveRearmAndEnd)
     };
     std::vector<SOCKET> peers;
     for (int i = 0; i < 5; ++i) {
-        peers.push_back(ConnectLoopback(port));
+        peers.push_back(Peer(port));
         ASSERT_TRUE(server->connects.WaitAtLeast(i + 1, "accept"));
     }
     SocketPtr a = accepted[0], b = accepted[1], c = accepted[2], d = accepted[3], e = accepted[4];
@@ -117,7 +117,7 @@ TEST_F(StackTest, ReceiveTimeoutsReportMoveRearmAndEnd)
     b->SetReceiveTimeout(2000);
     c->SetReceiveTimeout(2000);
     d->SetReceiveTimeout(1000);
-    e->SetReceiveTimeout(2000);
+    e->SetReceiveTimeout(10000);
     e->Close();   // its entry goes at once, without a report
     const COverlappedSocket* eRaw = e.get();
     e.reset();
@@ -126,7 +126,7 @@ TEST_F(StackTest, ReceiveTimeoutsReportMoveRearmAndEnd)
         accepted.erase(accepted.begin() + 4);
     }
     EXPECT_TRUE(LogBecomes(*server, eRaw, {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
-    EXPECT_LT(GetTickCount64() - t0, 1500u) << "a closed socket's entry doesn't hold it until it falls due";
+    EXPECT_LT(GetTickCount64() - t0, 5000u) << "a closed socket's entry doesn't hold it until it falls due";
 
     ASSERT_TRUE(firstOfB.Wait("first report of B", std::chrono::seconds(5)));
     ASSERT_TRUE(SendAll(peers[2], "c", 1));   // C receives: its entry moves on
@@ -136,10 +136,10 @@ TEST_F(StackTest, ReceiveTimeoutsReportMoveRearmAndEnd)
     auto ra = clock.Of(a.get()), rb = clock.Of(b.get()), rc = clock.Of(c.get()), rd = clock.Of(d.get());
     ASSERT_EQ(1u, ra.size());
     EXPECT_GE(ra[0] - t0, 5000u);
-    EXPECT_LE(ra[0] - t0, 6600u);
+    EXPECT_LE(ra[0] - t0, 7000u);
     ASSERT_EQ(2u, rb.size());
     EXPECT_GE(rb[1] - rb[0], 900u);
-    EXPECT_LE(rb[1] - rb[0], 2200u);
+    EXPECT_LE(rb[1] - rb[0], 2500u);
     EXPECT_EQ(1000u, b->GetReceiveTimeout());
     ASSERT_EQ(1u, rc.size());
     ULONGLONG cReceived;
@@ -152,7 +152,7 @@ TEST_F(StackTest, ReceiveTimeoutsReportMoveRearmAndEnd)
     EXPECT_GE(rc[0] - cReceived, 1900u) << "C was reported although it received";
     ASSERT_EQ(2u, rd.size());
     EXPECT_GE(rd[1] - rd[0], 2900u);
-    EXPECT_LE(rd[1] - rd[0], 4300u) << "the request made inside the report replaced the ended entry";
+    EXPECT_LE(rd[1] - rd[0], 4600u) << "the request made inside the report replaced the ended entry";
     EXPECT_EQ(0, a->IsClose()) << "a time-out closes nothing";
     for (SOCKET p : peers)
         closesocket(p);

@@ -67,21 +67,38 @@ protected:
         }
     }
 
+    // A listen socket on 127.0.0.1 with a pool of accepts. It binds port 0 and
+    // reads the port back, so that no port-owner look-up (slow under Wine
+    // when the machine has many sockets) is made for it.
     SocketPtr Listen(unsigned short& port, int pool = 5, std::shared_ptr<RecordingNotify> notify = nullptr)
     {
         if (!notify)
             notify = server;
-        port = FreeLoopbackPort();
-        SocketPtr listen = factory->CreateSocket(notify, port, L"127.0.0.1");
+        port = 0;
+        SocketPtr listen = factory->CreateSocket(notify, 0, L"127.0.0.1");
         EXPECT_TRUE(listen) << "bound socket for the listener";
         if (!listen)
             return listen;
         EXPECT_EQ(1, listen->Listen(pool));
+        CString address;
+        unsigned int bound = 0;
+        EXPECT_EQ(1, listen->GetSockName(address, bound));
+        port = static_cast<unsigned short>(bound);
         auto accepts = factory->CreateSocket(notify, listen, pool);
         EXPECT_EQ(static_cast<size_t>(pool), accepts.size());
         for (auto& a : accepts)
             EXPECT_TRUE(a) << "accepting socket";
         return listen;
+    }
+
+    // A plain blocking peer whose receives give up after 10 s instead of hanging.
+    static SOCKET Peer(unsigned short port)
+    {
+        SOCKET s = ConnectLoopback(port);
+        DWORD timeout = 10000;
+        if (s != INVALID_SOCKET)
+            setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout), sizeof(timeout));
+        return s;
     }
 
     SocketPtr ConnectTo(unsigned short port, std::shared_ptr<RecordingNotify> notify = nullptr)
