@@ -7,7 +7,7 @@
 //   The connection stays open throughout: the client's "ping" still arrives.
 //
 // The factory's time-out thread looks once a second, so each report comes up
-// to about a second late. The whole run takes about 2-3 seconds.
+// to about a second late. The whole run takes about 3 seconds.
 #include <winsock2.h>
 #include <windows.h>
 
