@@ -138,6 +138,13 @@ void COverlappedSocketFactory::WaitForOperationsToFinish()
 
 void COverlappedSocketFactory::EndThread(HANDLE hThread, LPCWSTR pszTerminateMessage)
 {
+    // Destory called from a notify object on one of our own threads: that
+    // thread can't wait for itself (nor be terminated); it ends on its quit
+    // packet, or on the closed port, once it returns to its loop.
+    if (GetThreadId(hThread) == GetCurrentThreadId()) {
+        CloseHandle(hThread);
+        return;
+    }
     if (WaitForMultipleObjects(1, &hThread, FALSE, kThreadEndTimeout) == WAIT_TIMEOUT) {
         WiTrace(pszTerminateMessage);
         TerminateThread(hThread, static_cast<DWORD>(-1));
