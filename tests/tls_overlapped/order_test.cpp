@@ -1,0 +1,178 @@
+// The order of notifications of a TLS socket: handshake success and failure,
+// refused connect, a peer close that comes with data, and Close from inside
+// every notification and from another thread during the handshake.
+#include <thread>
+
+#include "support/net.h"
+#include "tls_fixture.h"
+
+namespace {
+
+// Reads protected state of a TLS socket for checks after Close.
+struct SslState : COverlappedSSL {
+    static const COverlappedSSL* Ssl(const SocketPtr& s) { return static_cast<const COverlappedSSL*>(s.get()); }
+    static HSSL Handle(const SocketPtr& s) { return Ssl(s)->*(&SslState::m_hSSL); }
+    static WSAEVENT Event(const SocketPtr& s) { return Ssl(s)->*(&SslState::m_hNetworkEvent); }
+    static bool HoldsItself(const SocketPtr& s)
+    {
+        const COverlappedSSL* p = static_cast<const COverlappedSSL*>(s.get());
+        return (p->*(&SslState::m_RecvInfo)).m_spSocket || (p->*(&SslState::m_SendPostInfo)).m_spSocket;
+    }
+    static size_t AcceptsOutstanding(const SocketPtr& s) { return (s.get()->*(&SslState::m_setAcceptSockets)).size(); }
+};
+
+}  // namespace
+
+class TlsOrder : public TlsServerTest {};
+
+TEST_F(TlsOrder, HandshakeSuccessGivesOnConnectBeforeTheFirstOnReceive)
+{
+    m_spServer->onConnect = [](int nError, SocketPtr s) {
+        if (nError == 0)
+            s->Send("hello", 5, 0);
+    };
+    m_spClient->onConnect = [](int, SocketPtr s) { EXPECT_EQ(1, s->IsConnected()) << "IsConnected in OnConnect"; };
+    SocketPtr spSocket = ConnectClient(m_spClient);
+    ASSERT_TRUE(spSocket);
+    ASSERT_TRUE(m_spClient->receivedBytes.WaitAtLeast(5, "the server's greeting"));
+    std::vector<Notification> notes = m_spClient->Of(spSocket.get());
+    ASSERT_GE(notes.size(), 2u);
+    EXPECT_EQ(Note::Connect, notes[0].kind);
+    EXPECT_EQ(0, notes[0].error);
+    EXPECT_EQ(Note::Receive, notes[1].kind);
+    EXPECT_EQ("hello", m_spClient->Received(spSocket.get()));
+    EXPECT_NE(0u, SslState::Handle(spSocket));
+}
+
+TEST_F(TlsOrder, HandshakeFailureGivesOnCloseWithoutOnConnectAndKeepsThePool)
+{
+    WinsockScope winsock;
+    SOCKET raw = ConnectLoopback(m_nPort);
+    ASSERT_NE(INVALID_SOCKET, raw);
+    const char garbage[] = "GET / HTTP/1.0\r\n\r\n";
+    ASSERT_TRUE(SendAll(raw, garbage, sizeof(garbage) - 1));
+    ASSERT_TRUE(m_spServer->closes.WaitAtLeast(1, "OnClose of the failed handshake"));
+    ASSERT_TRUE(m_spServer->deletes.WaitAtLeast(1, "the failed socket deleted"));
+    closesocket(raw);
+    EXPECT_EQ(0, m_spServer->Count(Note::Connect)) << "no OnConnect after a failed handshake";
+    EXPECT_TRUE(m_spServer->EachSocketClosedOnceThenDeleted());
+    EXPECT_TRUE(Eventually([&] { return SslState::AcceptsOutstanding(m_spListen) == 4; },
+                           "the listen socket's pool back at 4 accepts"));
+    // And the listener still serves TLS.
+    SocketPtr spSocket = ConnectClient(m_spClient);
+    EXPECT_TRUE(m_spClient->connects.WaitAtLeast(1, "a TLS client after the failure"));
+}
+
+TEST_F(TlsOrder, RefusedConnectGivesOnConnectAndOnCloseWithTheErrorAndNoTls)
+{
+    WinsockScope winsock;
+    SocketPtr spSocket = m_spFactory->CreateSocket(m_spClient, 0, L"127.0.0.1");
+    ASSERT_TRUE(spSocket);
+    ASSERT_TRUE(spSocket->Connect(L"127.0.0.1", FreeLoopbackPort()));
+    const COverlappedSocket* p = spSocket.get();
+    spSocket.reset();
+    ASSERT_TRUE(m_spClient->deletes.WaitAtLeast(1, "the refused socket deleted"));
+    std::vector<Notification> notes = m_spClient->Of(p);
+    ASSERT_EQ(3u, notes.size());
+    EXPECT_EQ(Note::Connect, notes[0].kind);
+    EXPECT_NE(0, notes[0].error);
+    EXPECT_EQ(Note::Close, notes[1].kind);
+    EXPECT_EQ(notes[0].error, notes[1].error);
+    EXPECT_EQ(Note::Delete, notes[2].kind);
+}
+
+// The server writes and closes from inside OnSend: the client's data and the
+// close come together, and the data is delivered before the close.
+TEST_F(TlsOrder, PeerCloseWithDataDeliversTheDataThenCloses)
+{
+    const std::string data = Pattern(3000, 5);
+    // The hooks outlive the test body (Destory aborts the pool's accepts with
+    // OnConnect(995)), so they hold copies and act on success only.
+    m_spServer->onConnect = [data](int nError, SocketPtr s) {
+        if (nError == 0)
+            s->Send(data.data(), static_cast<int>(data.size()), 0);
+    };
+    m_spServer->onSend = [](int, SocketPtr s) {
+        if (s->GetWaitSendListPackSize() == 0)
+            s->Close();
+    };
+    SocketPtr spSocket = ConnectClient(m_spClient);
+    ASSERT_TRUE(spSocket);
+    const COverlappedSocket* p = spSocket.get();
+    spSocket.reset();
+    ASSERT_TRUE(m_spClient->deletes.WaitAtLeast(1, "the client socket ended by its peer"));
+    EXPECT_EQ((std::vector<Note>{Note::Connect, Note::Receive, Note::Close, Note::Delete}), m_spClient->KindsOf(p));
+    long nDelivered = 0;
+    for (const Notification& note : m_spClient->Of(p))
+        if (note.kind == Note::Receive)
+            nDelivered += note.length;
+    EXPECT_EQ(static_cast<long>(data.size()), nDelivered) << "data of the closing peer lost";
+    EXPECT_TRUE(m_spServer->deletes.WaitAtLeast(1, "the server socket closed in OnSend deleted"));
+    EXPECT_TRUE(m_spServer->EachSocketClosedOnceThenDeleted());
+}
+
+TEST_F(TlsOrder, CloseFromInsideOnReceiveAndOnCloseReportsOnce)
+{
+    m_spServer->onReceive = [](const void*, int, SocketPtr s) { s->Close(); };
+    m_spServer->onClose = [](int, SocketPtr s) {
+        s->Close();   // the inner call does nothing
+        EXPECT_EQ(0, s->IsConnected());
+    };
+    SocketPtr spSocket = ConnectClient(m_spClient);
+    ASSERT_TRUE(m_spClient->connects.WaitAtLeast(1, "client OnConnect"));
+    spSocket->Send("x", 1, 0);
+    ASSERT_TRUE(m_spServer->deletes.WaitAtLeast(1, "the server socket closed in OnReceive deleted"));
+    ASSERT_TRUE(m_spClient->closes.WaitAtLeast(1, "the client sees the close"));
+    EXPECT_EQ(1, m_spServer->Count(Note::Close));
+    EXPECT_TRUE(m_spServer->EachSocketClosedOnceThenDeleted());
+    EXPECT_EQ(0, spSocket->IsConnected());
+    EXPECT_EQ(0, spSocket->Send("y", 1, 0));
+    EXPECT_EQ(WSAENOTSOCK, WSAGetLastError());
+}
+
+TEST_F(TlsOrder, CloseFromInsideOnConnectLeavesNoReferenceToItself)
+{
+    m_spServer->onConnect = [](int nError, SocketPtr s) {
+        if (nError == 0)
+            s->Close();
+    };
+    SocketPtr spSocket = ConnectClient(m_spClient);
+    ASSERT_TRUE(spSocket);
+    ASSERT_TRUE(m_spServer->deletes.WaitAtLeast(1, "the server socket closed in OnConnect deleted"));
+    ASSERT_TRUE(m_spClient->closes.WaitAtLeast(1, "the client sees the close"));
+    EXPECT_TRUE(m_spServer->EachSocketClosedOnceThenDeleted());
+    spSocket->Close();
+    EXPECT_EQ(0u, SslState::Handle(spSocket));
+    EXPECT_EQ(nullptr, SslState::Event(spSocket));
+    EXPECT_FALSE(SslState::HoldsItself(spSocket));
+}
+
+// The client's handshake stalls against a plain listener that never answers;
+// Close from the test thread waits for it and the socket ends with one OnClose.
+TEST(TlsHandshakeStall, CloseDuringTheHandshakeFromAnotherThread)
+{
+    AllowSelfSignedServer();
+    SetEnvironmentVariableW(L"SEALKIT_HANDSHAKE_TIMEOUT_MS", L"800");
+    auto spFactory = COverlappedSocketFactory::CreateObject(1, 2);
+    SetEnvironmentVariableW(L"SEALKIT_HANDSHAKE_TIMEOUT_MS", NULL);
+    ASSERT_TRUE(spFactory);
+    WinsockScope winsock;
+    unsigned short nPort = 0;
+    SOCKET listener = ListenLoopback(nPort);
+    ASSERT_NE(INVALID_SOCKET, listener);
+    auto spRecorder = std::make_shared<Recorder>();
+    SocketPtr spSocket = spFactory->CreateSocket(spRecorder, 0, L"127.0.0.1");
+    ASSERT_TRUE(spSocket);
+    ASSERT_TRUE(spSocket->Connect(L"127.0.0.1", nPort));
+    SOCKET accepted = accept(listener, NULL, NULL);   // the TCP connection stands; TLS never answers
+    ASSERT_NE(INVALID_SOCKET, accepted);
+    spSocket->Close();
+    const COverlappedSocket* p = spSocket.get();
+    spSocket.reset();
+    EXPECT_TRUE(spRecorder->deletes.WaitAtLeast(1, "the socket closed during its handshake deleted"));
+    EXPECT_EQ((std::vector<Note>{Note::Close, Note::Delete}), spRecorder->KindsOf(p));
+    EXPECT_EQ(0, spRecorder->Count(Note::Connect));
+    closesocket(accepted);
+    closesocket(listener);
+    spFactory->Destory();
+}
