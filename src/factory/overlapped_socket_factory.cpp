@@ -1,5 +1,6 @@
 // COverlappedSocketFactory: creation, the thread pool, Destory and CloseAllSocket.
 #include "factory/overlapped_socket_factory.h"
+#include "tls/overlapped_ssl.h"
 
 #include "module/debug_trace.h"
 #include "module/module.h"
@@ -64,9 +65,14 @@ std::shared_ptr<COverlappedSocketFactory> COverlappedSocketFactory::CreateObject
     // Every failure from here on is undone by Destory, which gives back what
     // was taken so far: WSAStartup, the port, the threads already started.
     LPTHREAD_START_ROUTINE pfnWorker = NULL;
-    if (nKind == KIND_PLAIN)
+    if (nKind == KIND_PLAIN) {
         pfnWorker = COverlappedSocket::WorkThread;
-    // KIND_SSL: the TLS socket's worker and OPENSSL_init join here.
+    } else if (nKind == KIND_SSL) {
+        pfnWorker = COverlappedSSL::WorkThread;
+        OPENSSL_init(0);
+        OPENSSL_init(1);
+        spFactory->m_bSslStarted = TRUE;
+    }
     if (pfnWorker == NULL) {
         spFactory->Destory();
         return std::shared_ptr<COverlappedSocketFactory>();

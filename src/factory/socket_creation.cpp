@@ -1,5 +1,6 @@
 // CreateSocket: the bare object, a bound socket, an accepting socket, a pool.
 #include "factory/overlapped_socket_factory.h"
+#include "tls/overlapped_ssl.h"
 
 #include <mswsock.h>
 
@@ -24,7 +25,9 @@ std::shared_ptr<COverlappedSocket> COverlappedSocketFactory::CreateSocket()
     case KIND_PLAIN:
         spSocket.reset(new COverlappedSocket);
         break;
-    // KIND_SSL: COverlappedSSL joins here.
+    case KIND_SSL:
+        spSocket.reset(new COverlappedSSL);
+        break;
     default:
         return spSocket;
     }
