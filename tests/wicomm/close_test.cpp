@@ -23,7 +23,8 @@ protected:
 
 TEST_F(CloseTest, OnTheWindowThreadTheTeardownIsDoneWhenCloseReturns)
 {
-    Recorder srv, cli;
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
     Pair(srv, cli);
     int result = 0, valid = -1;
     OnWindow([&] {
@@ -46,7 +47,8 @@ TEST_F(CloseTest, OnTheWindowThreadTheTeardownIsDoneWhenCloseReturns)
 
 TEST_F(CloseTest, FromAnotherThreadCloseOnlyAsks)
 {
-    Recorder srv, cli;
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
     Pair(srv, cli);
     EXPECT_EQ(1, client->Close());
     EXPECT_EQ(1, client->Close()) << "twice from another thread";
@@ -59,7 +61,8 @@ TEST_F(CloseTest, FromAnotherThreadCloseOnlyAsks)
 
 TEST_F(CloseTest, CloseInsideOnCloseAfterAPeerClose)
 {
-    Recorder srv, cli;
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
     Pair(srv, cli);
     int during = -1;
     srv.onClose = [&](CommPtr sp) {
@@ -76,7 +79,7 @@ TEST_F(CloseTest, CloseInsideOnCloseAfterAPeerClose)
 
 TEST_F(CloseTest, CloseWhileConnectingGivesOnCloseWithoutOnOpen)
 {
-    Recorder cli;
+    Recorder& cli = Rec();
     unsigned short port = 0;
     SOCKET stalled = ListenLoopback(port, 1);
     std::vector<SOCKET> fillers;
@@ -104,7 +107,8 @@ TEST_F(CloseTest, CloseWhileConnectingGivesOnCloseWithoutOnOpen)
 
 TEST_F(CloseTest, ClosingAListenerLeavesAcceptedObjectsWorking)
 {
-    Recorder srv, cli;
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
     Pair(srv, cli);
     OnWindow([&] { listener->Close(); });
     EXPECT_EQ(1, srv.Count("close", listener.get()));
@@ -116,7 +120,8 @@ TEST_F(CloseTest, ClosingAListenerLeavesAcceptedObjectsWorking)
 
 TEST_F(CloseTest, PostedCloseWithAStaleSocketIsIgnored)
 {
-    Recorder srv, cli;
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
     Pair(srv, cli);
     OnWindow([&] { SendMessageW(TcpPeek::Window(client), WM_WISOCKET_CLOSE, (WPARAM)12345, 32); });
     OnWindow([&] { SendMessageW(TcpPeek::Window(client), WM_WISOCKET_CLOSE, (WPARAM)TcpPeek::Socket(client), 31); });

@@ -148,6 +148,7 @@ void WiCommTest::SetUp()
     SetEnvironmentVariableW(L"SEALKIT_VERIFY", L"0");
     ASSERT_EQ(1, CWiComm::Startup());
     m_window.reset(new WindowThread);
+    m_window2.reset(new WindowThread);
     m_debug.Clear();
 }
 
@@ -155,13 +156,15 @@ void WiCommTest::TearDown()
 {
     // The stop runs on the window thread, so windows still open go at once.
     m_window->Run([] { CWiComm::Cleanup(); });
+    m_window2->Run([] {});   // windows of the second thread close there
     m_window.reset();
+    m_window2.reset();
 }
 
-CommPtr WiCommTest::Make(const std::string& option, ICommNotifyObject* pNotify, int nSSLMode)
+CommPtr WiCommTest::Make(const std::string& option, ICommNotifyObject* pNotify, int nSSLMode, bool bSecond)
 {
     CommPtr spComm;
-    EXPECT_TRUE(m_window->Run([&] {
+    EXPECT_TRUE((bSecond ? m_window2 : m_window)->Run([&] {
         spComm = CWiComm::NewObject(CWiComm::CLASSID_WITCP, option.c_str(), pNotify, nSSLMode);
     }));
     return spComm;
@@ -175,9 +178,9 @@ CommPtr WiCommTest::Listen(ICommNotifyObject* pNotify, int nSSLMode)
 
 std::string WiCommTest::ConnectOption() const { return "C:0,127.0.0.1," + std::to_string(m_port); }
 
-CommPtr WiCommTest::Connect(ICommNotifyObject* pNotify, int nSSLMode)
+CommPtr WiCommTest::Connect(ICommNotifyObject* pNotify, int nSSLMode, bool bSecond)
 {
-    return Make(ConnectOption(), pNotify, nSSLMode);
+    return Make(ConnectOption(), pNotify, nSSLMode, bSecond);
 }
 
 // ---- peeks and helpers ----------------------------------------------------------------

@@ -4,6 +4,7 @@
 #define WISOCK_TESTS_WICOMM_COMM_HARNESS_H
 
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -70,17 +71,23 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // NewObject on the window thread.
-    CommPtr Make(const std::string& option, ICommNotifyObject* pNotify, int nSSLMode = -1);
+    // A notify object that outlives every object of the test (the stack stops first).
+    Recorder& Rec() { m_recorders.emplace_back(); return m_recorders.back(); }
+    // NewObject on the window thread (or on the second one).
+    CommPtr Make(const std::string& option, ICommNotifyObject* pNotify, int nSSLMode = -1, bool bSecond = false);
     // A listener on a free port of this machine; its port in m_port.
     CommPtr Listen(ICommNotifyObject* pNotify, int nSSLMode = -1);
     // A client of m_port.
-    CommPtr Connect(ICommNotifyObject* pNotify, int nSSLMode = -1);
+    // A client of m_port; TLS handshakes block their thread, so a TLS client
+    // of a listener on the first thread runs on the second.
+    CommPtr Connect(ICommNotifyObject* pNotify, int nSSLMode = -1, bool bSecond = false);
     std::string ConnectOption() const;
     void OnWindow(const std::function<void()>& fn) { ASSERT_TRUE(m_window->Run(fn)); }
 
+    std::deque<Recorder> m_recorders;
     WinsockScope m_winsock;
     std::unique_ptr<WindowThread> m_window;
+    std::unique_ptr<WindowThread> m_window2;
     DebugCapture m_debug;
     unsigned short m_port = 0;
 };

@@ -8,7 +8,7 @@ class OpenTest : public WiCommTest {};
 
 TEST_F(OpenTest, OptionStringsThatFailMakeNoObject)
 {
-    Recorder rec;
+    Recorder& rec = Rec();
     const char* bad[] = {"S:0", "S:abc", "C:1,2", "X:1,2.3.4.5,6", "C:0,localhost,80", "C:0,255.255.255.255,80",
                          "C:0,127.0.0.1,0", "S8000", "",
                          "C:0,1234567890123456789012345678901234567890,80"};   // 40 characters
@@ -25,7 +25,7 @@ TEST_F(OpenTest, OptionStringsThatFailMakeNoObject)
 
 TEST_F(OpenTest, ListenFormsAndTheirText)
 {
-    Recorder rec;
+    Recorder& rec = Rec();
     unsigned short port = FreeLoopbackPort();
     CommPtr a = Make("  s:" + std::to_string(port), &rec);
     ASSERT_TRUE(a) << "leading blanks and lower case";
@@ -51,7 +51,8 @@ TEST_F(OpenTest, ListenFormsAndTheirText)
 
 TEST_F(OpenTest, ConnectAcceptAndTheirTexts)
 {
-    Recorder srv, cli;
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
     CommPtr listener = Listen(&srv);
     ASSERT_TRUE(listener);
     CommPtr client = Connect(&cli);
@@ -83,7 +84,8 @@ TEST_F(OpenTest, ConnectAcceptAndTheirTexts)
 
 TEST_F(OpenTest, PortIsCutToSixteenBits)
 {
-    Recorder srv, cli;
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
     ASSERT_TRUE(Listen(&srv));
     CommPtr client = Make("connect:0,127.0.0.1," + std::to_string(65536 + m_port), &cli);
     ASSERT_TRUE(client);
@@ -92,7 +94,7 @@ TEST_F(OpenTest, PortIsCutToSixteenBits)
 
 TEST_F(OpenTest, RefusedConnectGivesOpenErrorThenClose)
 {
-    Recorder cli;
+    Recorder& cli = Rec();
     m_port = FreeLoopbackPort();
     CommPtr client = Connect(&cli);
     ASSERT_TRUE(client) << "the refusal comes later, as FD_CONNECT";
@@ -134,7 +136,7 @@ TEST_F(OpenTest, ConnectTimeOutGivesOpenErrorMinusOneThenClose)
 {
     StalledListener stalled;
     m_port = stalled.port;
-    Recorder cli;
+    Recorder& cli = Rec();
     CommPtr client = Connect(&cli);
     ASSERT_TRUE(client);
     ASSERT_EQ(0, client->IsOpen());

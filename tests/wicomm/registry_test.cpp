@@ -51,7 +51,7 @@ TEST(RegistryStopped, NewObjectNeedsAStartedStack)
 
 TEST_F(RegistryTest, OnlyTheTcpClassNumberMakesAnObject)
 {
-    Recorder rec;
+    Recorder& rec = Rec();
     m_port = FreeLoopbackPort();
     const std::string option = "S:" + std::to_string(m_port);
     for (unsigned id : {0u, 1u, 3u, 7u}) {
@@ -74,7 +74,7 @@ TEST_F(RegistryTest, ValidityEndsAtBeforeDeleteWhileTheObjectLives)
     EXPECT_EQ(0, CWiComm::IsValidObject(nullptr));
     int local = 0;
     EXPECT_EQ(0, CWiComm::IsValidObject(reinterpret_cast<CWiComm*>(&local)));
-    Recorder rec;
+    Recorder& rec = Rec();
     CommPtr sp;
     OnWindow([&] { sp = MakeProbe(); });
     std::weak_ptr<CWiComm> weak = sp;
@@ -127,7 +127,7 @@ TEST_F(RegistryTest, ReapingStartsAboveTwoDeadEntriesOneAtATime)
 
 TEST_F(RegistryTest, TwoCloseNotifyCallsMakeOneOnClose)
 {
-    Recorder rec;
+    Recorder& rec = Rec();
     CommPtr sp;
     OnWindow([&] { sp = MakeProbe([&](Probe* p) { p->SetNotifyObject(&rec); }); });
     sp->SetNotifyObject(&rec);
@@ -141,7 +141,7 @@ TEST_F(RegistryTest, TwoCloseNotifyCallsMakeOneOnClose)
     EXPECT_EQ(1, second) << "the second call still returns the validity";
     EXPECT_EQ(1, rec.Count("close"));
     // OnClose that closes its own object: the call reports it dead.
-    Recorder rec2;
+    Recorder& rec2 = Rec();
     CommPtr sp2;
     OnWindow([&] { sp2 = MakeProbe(); });
     sp2->SetNotifyObject(&rec2);

@@ -1,0 +1,281 @@
+// Reading and writing, plain and TLS: byte counts, time-outs, errors,
+// blocks and overflow, and calls back into the object from notifications.
+#include "comm_harness.h"
+
+namespace {
+
+class TransferTest : public WiCommTest {
+protected:
+    void Pair(Recorder& srv, Recorder& cli, int nServerMode = -1, int nClientMode = -1)
+    {
+        listener = Listen(&srv, nServerMode);
+        ASSERT_TRUE(listener);
+        client = Connect(&cli, nClientMode, nServerMode == 1 || nClientMode == 0);
+        ASSERT_TRUE(client);
+        ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "client OnOpen"));
+        ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == 2; }, "accepted OnOpen"));
+        accepted = srv.LastOpened();
+        srv.Forget();
+    }
+    CommPtr listener, client, accepted;
+};
+
+TEST_F(TransferTest, PlainReadsDeliverWhatArrivedUpToTheReadSize)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    Pair(srv, cli);
+    ASSERT_EQ(1, client->Write("0123456789", 10));
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()).size() == 10; }, "10 bytes"));
+    EXPECT_EQ(std::vector<int>{10}, srv.Lengths("read", accepted.get()));
+    EXPECT_EQ(1024, TcpPeek::BytesToRead(accepted)) << "the read size after OnOpen";
+    std::vector<char> big = Pattern(3000, 1);
+    ASSERT_EQ(1, client->Write(big.data(), (unsigned long)big.size()));
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()).size() == 3010; }, "3000 more bytes"));
+    for (int n : srv.Lengths("read", accepted.get()))
+        EXPECT_LE(n, 1024) << "no delivery is larger than the read size";
+    EXPECT_EQ(std::string(big.begin(), big.end()), srv.Data(accepted.get()).substr(10));
+}
+
+TEST_F(TransferTest, HeldReadsWaitForTheCountOrTheTimeOut)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    Pair(srv, cli);
+    static_cast<CWiTcp*>(accepted.get())->SetBytesTimeoutValid(1);
+    ASSERT_EQ(1, accepted->SetTimeouts(0, 0, 0, 100));
+    ASSERT_EQ(1, client->Write(std::string(60, 'a').data(), 60));
+    ASSERT_TRUE(m_debug.WaitFor(L"CWiTcp::OnWiRead  8\n", 1, std::chrono::milliseconds(300)) ||
+                true);   // nothing to observe: the 60 bytes wait
+    ASSERT_EQ(1, client->Write(std::string(40, 'b').data(), 40));
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("read", accepted.get()) == 1; }, "one delivery of 100"));
+    EXPECT_EQ(std::vector<int>{100}, srv.Lengths("read", accepted.get()));
+    // 60 bytes, then the time-out: one delivery of 60, then empty time-outs.
+    ASSERT_EQ(1, accepted->SetTimeouts(0, 150, 0, 100));
+    ASSERT_EQ(1, client->Write(std::string(60, 'c').data(), 60));
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("read", accepted.get()) >= 3; }, "time-out deliveries"));
+    std::vector<int> lengths = srv.Lengths("read", accepted.get());
+    EXPECT_EQ(60, lengths[1]) << "held bytes come out at the time-out";
+    EXPECT_EQ(0, lengths[2]) << "a time-out with nothing read";
+    EXPECT_TRUE(m_debug.Contains(L"CWiTcp::OnWiRead  4\n"));
+    EXPECT_EQ(std::string(100, 'a').substr(0, 60) + std::string(40, 'b') + std::string(60, 'c'),
+              srv.Data(accepted.get()));
+}
+
+TEST_F(TransferTest, ReadTimeOutSetFromAnotherThreadRunsOnTheWindowThread)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    Pair(srv, cli);
+    ASSERT_EQ(1, client->SetTimeouts(80, 0, 0, 0));
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("read") >= 2; }, "two empty time-out deliveries"));
+    for (const CommEvent& e : cli.Events())
+        EXPECT_EQ(m_window->ThreadId(), e.nThread);
+    // Three zeros don't stop the timer; at its expiry the object stays armed.
+    ASSERT_EQ(1, client->SetTimeouts(0, 0, 0, 0));
+    OnWindow([] {});
+    ASSERT_TRUE(Eventually([&] { return TcpPeek::TimerId(client) == 0; }, "left-over timer expired"));
+    ASSERT_EQ(1, accepted->Write("after", 5));
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Data(client.get()) == "after"; }, "data after a left-over timer"));
+}
+
+TEST_F(TransferTest, ReadErrorTextAndBufferChangeInsideOnReadComplete)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    Pair(srv, cli);
+    std::string seen;
+    srv.onRead = [&](const void* p, int n, CommPtr sp) {
+        if (n > 0 && seen.empty()) {
+            std::string before(static_cast<const char*>(p), n);
+            sp->SetTimeouts(0, 0, 0, 5000);   // a larger buffer while this one is read
+            seen = std::string(static_cast<const char*>(p), n) == before ? "intact" : "moved";
+        }
+    };
+    ASSERT_EQ(1, client->Write("abc", 3));
+    ASSERT_TRUE(srv.WaitFor([&] { return !srv.Data(accepted.get()).empty(); }, "first delivery"));
+    OnWindow([] {});
+    EXPECT_EQ("intact", seen);
+    EXPECT_EQ(5100, TcpPeek::ReadBufferSize(accepted)) << "the new buffer took over after the delivery";
+    EXPECT_EQ(5000, TcpPeek::BytesToRead(accepted));
+    // An event with an error: the text, then OnError(READ), and the object stays.
+    OnWindow([&] {
+        SendMessageW(TcpPeek::Window(accepted), WM_WISOCKET_NOTIFY, (WPARAM)TcpPeek::Socket(accepted),
+                     WSAMAKESELECTREPLY(FD_READ, WSAECONNRESET));
+    });
+    EXPECT_TRUE(m_debug.Contains(L"CWiTcp::OnWiRead\xFF08nErrorCode = 10054\xFF09\n"));
+    EXPECT_TRUE(m_debug.Contains(L"CWiTcp::OnWiRead  5\n"));
+    EXPECT_EQ(1, srv.Count("error", accepted.get()));
+    EXPECT_EQ("error:3:10054", srv.Kinds(accepted.get()).back());
+    EXPECT_EQ(1, CWiComm::IsValidObject(accepted.get()));
+}
+
+TEST_F(TransferTest, CloseInsideOnReadCompleteEndsTheRead)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    Pair(srv, cli);
+    srv.onRead = [&](const void*, int, CommPtr sp) { sp->Close(); };
+    ASSERT_EQ(1, client->Write("bye", 3));
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("close", accepted.get()) == 1; }, "OnClose from the read"));
+    EXPECT_EQ(std::vector<std::string>({"open", "read:3", "close"}), srv.Kinds(accepted.get()));
+    EXPECT_EQ(0, CWiComm::IsValidObject(accepted.get()));
+}
+
+TEST_F(TransferTest, PlainBlocksMergingAndUnpacking)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    Pair(srv, cli);
+    std::vector<char> data = Pattern(10000, 2);
+    OnWindow([&] {   // queued while the window thread can't send yet
+        ASSERT_EQ(1, client->Write(data.data(), 10000));
+        EXPECT_EQ(1u, TcpPeek::Queue(client).size()) << "one exact block";
+        EXPECT_EQ(10000u, TcpPeek::QueuedBytes(client));
+    });
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.WrittenBytes(client.get()) == 10000; }, "10000 written"));
+    EXPECT_EQ(std::vector<int>{10000}, cli.Lengths("write", client.get()));
+    client->SetUnpackingWhenWrite(1);
+    OnWindow([&] {
+        ASSERT_EQ(1, client->Write(data.data(), 10000));
+        EXPECT_EQ(3u, TcpPeek::Queue(client).size());
+        EXPECT_EQ(1808, TcpPeek::Queue(client).back().nLength);
+        EXPECT_EQ(0, TcpPeek::Queue(client).back().bFirstBlock);
+    });
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.WrittenBytes(client.get()) == 20000; }, "20000 written"));
+    std::vector<int> lengths = cli.Lengths("write", client.get());
+    EXPECT_EQ(std::vector<int>({10000, 4096, 4096, 1808}), lengths);
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()).size() == 20000; }, "20000 read"));
+    EXPECT_EQ(0u, TcpPeek::QueuedBytes(client));
+}
+
+TEST_F(TransferTest, OverflowRefusesOrClears)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    Pair(srv, cli);
+    client->SetMaxSendBufferSize(1000);
+    int atLimit = 0, overLimit = 0, cleared = 0;
+    size_t afterClear = 0;
+    OnWindow([&] {   // nothing is sent while this runs
+        std::vector<char> d(1000, 'x');
+        client->Write(d.data(), 1000);
+        atLimit = client->Write("y", 1);   // 1000 queued: accepted
+        overLimit = client->Write("z", 1);   // 1001 queued: refused
+        client->SetWriteOverFlowProcess(1);
+        cleared = client->Write("w", 1);
+        afterClear = TcpPeek::QueuedBytes(client);
+    });
+    EXPECT_EQ(1, atLimit);
+    EXPECT_EQ(0, overLimit);
+    EXPECT_EQ(1, cleared);
+    EXPECT_EQ(1u, afterClear) << "earlier writes dropped, the new one queued";
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()) == "w"; }, "only the write after the clear"));
+}
+
+TEST_F(TransferTest, PartialSendsUnderAFullSocketBufferLoseNothing)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    Pair(srv, cli);
+    int sndbuf = 8192;
+    setsockopt(TcpPeek::Socket(client), SOL_SOCKET, SO_SNDBUF, (char*)&sndbuf, sizeof(sndbuf));
+    // The reader stops reading until the writer has queued everything.
+    ASSERT_EQ(1, accepted->SetTimeouts(0, 0, 0, 65536));
+    TestEvent release;
+    std::vector<char> data = Pattern(512 << 10, 3);
+    srv.onRead = [&](const void*, int, CommPtr) { WaitForSingleObject(release.Handle(), 10000); };
+    // Write from this thread, in pieces, while the window thread sends.
+    for (size_t off = 0; off < data.size(); off += 65536)
+        ASSERT_EQ(1, client->Write(data.data() + off, 65536));
+    release.Set();
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()).size() == data.size(); }, "512 KiB read",
+                            std::chrono::seconds(60)));
+    EXPECT_TRUE(srv.Data(accepted.get()) == std::string(data.begin(), data.end())) << "bytes differ";
+    EXPECT_EQ((long)data.size(), cli.WrittenBytes(client.get()));
+    EXPECT_EQ(0u, TcpPeek::QueuedBytes(client));
+}
+
+TEST_F(TransferTest, CloseInsideOnWriteCompleteIsTheLastNotification)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    Pair(srv, cli);
+    client->SetUnpackingWhenWrite(1);
+    cli.onWrite = [&](int, CommPtr sp) { sp->Close(); };
+    std::vector<char> data = Pattern(10000, 4);
+    OnWindow([&] { client->Write(data.data(), 10000); });
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("close") == 1; }, "OnClose"));
+    EXPECT_EQ(std::vector<std::string>({"open", "write:4096", "close"}), cli.Kinds(client.get()));
+}
+
+// TLS: echo both ways through both modes, byte-exact.
+TEST_F(TransferTest, TlsEchoBothWaysByteExact)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    srv.onRead = [](const void* p, int n, CommPtr sp) {
+        if (n > 0)
+            sp->Write(p, n);
+    };
+    Pair(srv, cli, 1, 0);
+    EXPECT_EQ(0u, Narrow(client->GetOpenOption()).find("C:"));
+    std::vector<char> data = Pattern(256 << 10, 5);
+    for (size_t off = 0; off < data.size(); off += 100000)
+        ASSERT_EQ(1, client->Write(data.data() + off, (unsigned long)std::min<size_t>(100000, data.size() - off)));
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Data(client.get()).size() >= data.size(); }, "256 KiB echoed",
+                            std::chrono::seconds(60)));
+    EXPECT_TRUE(cli.Data(client.get()) == std::string(data.begin(), data.end())) << "echo differs";
+    EXPECT_EQ((long)data.size(), cli.WrittenBytes(client.get()));
+    for (int n : cli.Lengths("write", client.get()))
+        EXPECT_LE(n, 4096) << "TLS writes go in blocks of 4096";
+}
+
+TEST_F(TransferTest, TlsBlocksOfExactlyTwoAndOne)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    Pair(srv, cli, 1, 0);
+    std::vector<char> data = Pattern(8192, 6);
+    ASSERT_TRUE(m_window2->Run([&] {
+        client->Write(data.data(), 8192);
+        EXPECT_EQ(2u, TcpPeek::Queue(client).size()) << "8192 bytes: two blocks, no empty third";
+        client->Write("x", 1);
+        EXPECT_EQ(3u, TcpPeek::Queue(client).size()) << "the last block began no write";
+        client->Write("y", 1);
+        EXPECT_EQ(3u, TcpPeek::Queue(client).size()) << "appended to the block the last write opened";
+    }));
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()).size() == 8194; }, "8194 bytes"));
+}
+
+TEST_F(TransferTest, TlsHandshakeFailureOnBothSides)
+{
+    // The server speaks TLS, the client plain: the server's handshake fails.
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    listener = Listen(&srv, 1);
+    ASSERT_TRUE(listener);
+    SOCKET raw = ConnectLoopback(m_port);
+    ASSERT_NE(INVALID_SOCKET, raw);
+    send(raw, "GET / HTTP/1.0\r\n\r\n", 18, 0);
+    ASSERT_TRUE(m_debug.WaitFor(L"OPENSSL_accept return null\n", 1, std::chrono::seconds(20)));
+    closesocket(raw);
+    OnWindow([] {});
+    EXPECT_EQ(std::vector<std::string>{"open"}, srv.Kinds()) << "the application hears nothing of it";
+    // A TLS client against a plain server: "OpenSSL_connect failed", then OnClose.
+    Recorder& plainSrv = Rec();
+    plainSrv.onOpen = [](CommPtr sp) {
+        if (Narrow(sp->GetOpenOption()).find("C:") == 0)
+            sp->Write("not tls at all\r\n", 16);
+    };
+    CommPtr plain = Listen(&plainSrv);
+    ASSERT_TRUE(plain);
+    client = Connect(&cli, 0, true);
+    ASSERT_TRUE(client);
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("close") == 1; }, "OnClose after the failed handshake",
+                            std::chrono::seconds(20)));
+    EXPECT_TRUE(m_debug.Contains(L"OpenSSL_connect failed\n"));
+    EXPECT_EQ(std::vector<std::string>{"close"}, cli.Kinds(client.get())) << "no OnOpen, no OnError";
+}
+
+}  // namespace
