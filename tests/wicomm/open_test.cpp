@@ -100,6 +100,7 @@ TEST_F(OpenTest, RefusedConnectGivesOpenErrorThenClose)
     ASSERT_TRUE(client) << "the refusal comes later, as FD_CONNECT";
     ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("close") == 1; }, "OnClose after the refusal"));
     EXPECT_EQ((std::vector<std::string>{"error:1:10061", "close"}), cli.Kinds());
+    OnWindow([] {});   // the teardown after OnClose has finished
     EXPECT_EQ(0, CWiComm::IsValidObject(client.get()));
     EXPECT_EQ(INVALID_SOCKET, TcpPeek::Socket(client));
 }
@@ -145,6 +146,7 @@ TEST_F(OpenTest, ConnectTimeOutGivesOpenErrorMinusOneThenClose)
     EXPECT_EQ(1, client->SetTimeouts(50, 50, 50, 0)) << "a second call during the connect";
     ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("close") == 1; }, "OnClose after the connect time-out"));
     EXPECT_EQ((std::vector<std::string>{"error:1:-1", "close"}), cli.Kinds());
+    OnWindow([] {});
     EXPECT_EQ(0, CWiComm::IsValidObject(client.get()));
 }
 
