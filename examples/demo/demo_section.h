@@ -20,5 +20,7 @@ typedef DemoRow (*DemoSection)();
 
 DemoRow ModuleSection();          // load and unload wisock.dll
 DemoRow CompletionPortEchoSection();   // echo server and clients on COverlappedSocketFactory
+DemoRow CompletionPortTlsEchoSection();   // the same over TLS, factories of kind 1
+DemoRow MessageWindowEchoSection();   // CWiTcp listener and client on window threads, plain and TLS
 
 #endif

@@ -15,6 +15,8 @@ int main()
     const DemoSection sections[] = {
         ModuleSection,
         CompletionPortEchoSection,
+        CompletionPortTlsEchoSection,
+        MessageWindowEchoSection,
     };
     std::vector<DemoRow> rows;
     for (DemoSection section : sections) {
