@@ -1,7 +1,12 @@
 // Load client for the echo servers: C connections, each keeping W messages of
 // M bytes in flight for T seconds. Prints messages/s, MB/s and the p50/p99
 // round trip. Traffic goes to 127.0.0.1 only.
+// With --mode tls every connection speaks TLS through Sealkit (the library
+// wisock uses), on the same blocking thread-per-connection loop as plain.
+// The clock starts when every connection stands (connected, and the TLS
+// handshake done), so handshakes don't count against the echo rate.
 // Usage: bench_load_client --port P [--connections C] [--size M] [--window W] [--seconds T]
+//                          [--mode plain|tls]
 #include <winsock2.h>
 #include <windows.h>
 
@@ -12,13 +17,23 @@
 #include <vector>
 
 #include "bench_args.h"
+#include "tls/tls_library.h"
 
 namespace {
+
+// One connection: a socket and, in TLS mode, its TLS handle.
+struct Link {
+    SOCKET s = INVALID_SOCKET;
+    HSSL ssl = 0;
+};
 
 struct Job {
     unsigned short port;
     int size, window;
-    ULONGLONG deadline;
+    bool tls;
+    HANDLE ready;      // set by the thread when its connection stands (or failed)
+    HANDLE start;      // set by main when every connection stands
+    ULONGLONG deadline = 0;   // written by main before start is set
     std::vector<double> rtts;   // microseconds
     long long messages = 0;
     bool failed = false;
@@ -53,11 +68,44 @@ SOCKET ConnectWithRetry(unsigned short port)
     return INVALID_SOCKET;
 }
 
-bool SendMessage(SOCKET s, const std::string& m)
+// Connects and, in TLS mode, runs the handshake; a failure gives no socket.
+Link Open(unsigned short port, bool tls)
+{
+    Link link;
+    link.s = ConnectWithRetry(port);
+    if (link.s == INVALID_SOCKET || !tls)
+        return link;
+    link.ssl = OPENSSL_connect(link.s);
+    if (link.ssl == 0) {
+        closesocket(link.s);
+        link.s = INVALID_SOCKET;
+    }
+    return link;
+}
+
+void Shut(Link& link)
+{
+    if (link.ssl != 0)
+        OPENSSL_shutdown(link.ssl);
+    closesocket(link.s);
+}
+
+// Blocking socket: both calls wait, as send and recv do.
+int Write(const Link& link, const char* data, int size)
+{
+    return link.ssl != 0 ? OPENSSL_write(link.ssl, data, size) : send(link.s, data, size, 0);
+}
+
+int Read(const Link& link, char* buffer, int size)
+{
+    return link.ssl != 0 ? OPENSSL_read(link.ssl, buffer, size) : recv(link.s, buffer, size, 0);
+}
+
+bool SendMessage(const Link& link, const std::string& m)
 {
     size_t done = 0;
     while (done < m.size()) {
-        int n = send(s, m.data() + done, static_cast<int>(m.size() - done), 0);
+        int n = Write(link, m.data() + done, static_cast<int>(m.size() - done));
         if (n <= 0)
             return false;
         done += static_cast<size_t>(n);
@@ -68,11 +116,13 @@ bool SendMessage(SOCKET s, const std::string& m)
 DWORD WINAPI Run(void* p)
 {
     Job& job = *static_cast<Job*>(p);
-    SOCKET s = ConnectWithRetry(job.port);
-    if (s == INVALID_SOCKET) {
+    Link s = Open(job.port, job.tls);
+    SetEvent(job.ready);
+    if (s.s == INVALID_SOCKET) {
         job.failed = true;
         return 0;
     }
+    WaitForSingleObject(job.start, INFINITE);
     std::string message(static_cast<size_t>(job.size), 'b');
     std::deque<double> sentAt;
     for (int i = 0; i < job.window; ++i) {
@@ -83,7 +133,7 @@ DWORD WINAPI Run(void* p)
     std::vector<char> buf(65536);
     long long pending = 0;   // bytes of the current echo received so far
     while (!job.failed && !sentAt.empty()) {
-        int n = recv(s, buf.data(), static_cast<int>(buf.size()), 0);
+        int n = Read(s, buf.data(), static_cast<int>(buf.size()));
         if (n <= 0) {
             job.failed = true;
             break;
@@ -101,7 +151,7 @@ DWORD WINAPI Run(void* p)
             }
         }
     }
-    closesocket(s);
+    Shut(s);
     return 0;
 }
 
@@ -120,22 +170,42 @@ int main(int argc, char** argv)
     int window = static_cast<int>(args.Number("--window", 4));
     long seconds = args.Number("--seconds", 3);
     unsigned short port = static_cast<unsigned short>(args.Number("--port", 0));
+    bool tls = args.Text("--mode", "plain") == "tls";
+    if (tls) {
+        // The servers use Sealkit's ephemeral self-signed certificate.
+        SetEnvironmentVariableW(L"SEALKIT_VERIFY", L"0");
+        OPENSSL_init(0);
+    }
+    HANDLE start = CreateEventW(NULL, TRUE, FALSE, NULL);
     std::vector<Job> jobs(static_cast<size_t>(connections));
-    std::vector<HANDLE> threads;
-    double t0 = NowUs();
-    ULONGLONG deadline = GetTickCount64() + static_cast<ULONGLONG>(seconds) * 1000;
+    std::vector<HANDLE> threads, ready;
     for (Job& j : jobs) {
         j.port = port;
         j.size = size;
         j.window = window;
-        j.deadline = deadline;
+        j.tls = tls;
+        j.ready = CreateEventW(NULL, TRUE, FALSE, NULL);
+        j.start = start;
+        ready.push_back(j.ready);
         threads.push_back(CreateThread(NULL, 0, Run, &j, 0, NULL));
     }
+    for (HANDLE h : ready) {
+        WaitForSingleObject(h, INFINITE);
+        CloseHandle(h);
+    }
+    double t0 = NowUs();
+    ULONGLONG deadline = GetTickCount64() + static_cast<ULONGLONG>(seconds) * 1000;
+    for (Job& j : jobs)
+        j.deadline = deadline;
+    SetEvent(start);
     for (HANDLE h : threads) {
         WaitForSingleObject(h, INFINITE);
         CloseHandle(h);
     }
     double elapsed = (NowUs() - t0) / 1e6;
+    CloseHandle(start);
+    if (tls)
+        OPENSSL_uninit();
     std::vector<double> rtts;
     long long messages = 0;
     int failed = 0;
