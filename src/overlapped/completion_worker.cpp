@@ -17,15 +17,14 @@ typedef std::shared_ptr<COverlappedSocket> SocketRef;
 
 bool IsPendingOrNone(int nError) { return nError == 0 || nError == WSA_IO_PENDING; }
 
-// Failures that end the connection.
-bool FailureEndsConnection(int nErrorCode, int nOperateType)
+}  // namespace
+
+bool COverlappedSocket::FailureEndsConnection(int nErrorCode, int nOperateType)
 {
     return nErrorCode == ERROR_NETNAME_DELETED || nErrorCode == ERROR_SEM_TIMEOUT ||
            (nErrorCode == ERROR_OPERATION_ABORTED && nOperateType == COverlappedInfo::TYPE_ACCEPT) ||
            nOperateType == COverlappedInfo::TYPE_CONNECT;
 }
-
-}  // namespace
 
 DWORD WINAPI COverlappedSocket::WorkThread(void* pParam)
 {

@@ -100,6 +100,9 @@ protected:
     int ClaimCloseReport();
     // Stores the socket in the factory's m_mapClosingSockets (worker, before OnClose).
     void EnterClosingMap();
+    // Whether a failed completion of an operation of nOperateType ends the
+    // connection (the plain and the TLS worker share this rule).
+    static bool FailureEndsConnection(int nErrorCode, int nOperateType);
     // Starts the accept that replaces a completed one on the listen socket.
     static void ReplaceAccept(const std::shared_ptr<COverlappedSocket>& spAcceptSocket);
 

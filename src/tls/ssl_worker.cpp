@@ -14,13 +14,6 @@ bool IsConnectionRecord(int nType)
     return nType == COverlappedInfo::TYPE_ACCEPT || nType == COverlappedInfo::TYPE_CONNECT;
 }
 
-bool FailureEndsConnection(int nErrorCode, int nType)
-{
-    return nErrorCode == ERROR_NETNAME_DELETED || nErrorCode == ERROR_SEM_TIMEOUT ||
-           (nErrorCode == ERROR_OPERATION_ABORTED && nType == COverlappedInfo::TYPE_ACCEPT) ||
-           nType == COverlappedInfo::TYPE_CONNECT;
-}
-
 }  // namespace
 
 DWORD WINAPI COverlappedSSL::WorkThread(void* pParam)
