@@ -112,7 +112,7 @@ DemoRow MessageWindowEchoSection()
 {
     DemoRow row;
     row.name = "message-window echo";
-    std::printf("message-window stack: CWiTcp listener and client, %d messages of %d bytes, plain then TLS\n",
+    std::printf("== CWiTcp listener and client on window threads, %d messages of %d bytes, plain then TLS\n",
                 kMessages, kMessageSize);
     SetEnvironmentVariableW(L"SEALKIT_VERIFY", L"0");   // the demo server's certificate is self-signed
     if (!CWiComm::Startup()) {
@@ -124,7 +124,8 @@ DemoRow MessageWindowEchoSection()
     long tls = RunEcho(1, 0, row.bytes);
     row.seconds = (GetTickCount64() - start) / 1000.0;
     CWiComm::Cleanup();
-    std::printf("  plain: %ld of %d echoes, TLS: %ld of %d echoes\n", plain, kMessages, tls, kMessages);
+    std::printf("  %-28s %ld of %d\n", "plain echoes", plain, kMessages);
+    std::printf("  %-28s %ld of %d\n", "TLS echoes", tls, kMessages);
     row.connections = 2;
     row.messages = plain + tls;
     row.ok = plain == kMessages && tls == kMessages;
