@@ -89,6 +89,7 @@ private:
     // Write path (wi_tcp_write.cpp).
     void QueueBlocks(const char* pData, int nLength);
     bool SendQueue(SendBlock block);
+    bool TakeFirstBlock(SendBlock& block);
     int ReportBlockSent(SendBlock& block, int nSent);
     void RequeueRest(SendBlock& block, int nSent);
     void SubtractSent(int nSent);

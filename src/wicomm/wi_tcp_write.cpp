@@ -98,8 +98,8 @@ void CWiTcp::OnWiWrite(int)
         AsyncSelect();
 }
 
-// Offers blocks until the queue is empty or the socket takes less than a
-// block. False when the object died in OnWriteComplete: nothing more is offered.
+// Offers blocks until the queue is empty or the socket refuses. False when
+// the object died in OnWriteComplete: nothing more is offered.
 bool CWiTcp::SendQueue(SendBlock block)
 {
     const bool bTls = IsTls();
@@ -114,26 +114,38 @@ bool CWiTcp::SendQueue(SendBlock block)
             m_listSendBuffer.push_front(block);
             return true;
         }
-        if (nSent < block.nLength) {
-            if (!ReportBlockSent(block, nSent)) {
-                delete[] block.pData;
-                return false;
-            }
-            RequeueRest(block, nSent);
-            return true;
-        }
-        if (!ReportBlockSent(block, block.nLength)) {
+        if (!ReportBlockSent(block, std::min(nSent, block.nLength))) {
             delete[] block.pData;
             return false;
         }
-        delete[] block.pData;
-        CScopeLock lock(m_csComm);
-        SubtractSent(block.nLength);
-        if (m_listSendBuffer.empty())
+        if (nSent < block.nLength) {
+            RequeueRest(block, nSent);
+            // A partial send must not end the run: FD_WRITE comes again only
+            // after a send has failed with WSAEWOULDBLOCK, so the rest is
+            // offered at once until the socket refuses. Nothing taken and
+            // nothing refused means no progress: the rest waits at the front.
+            if (nSent == 0)
+                return true;
+        } else {
+            delete[] block.pData;
+            SubtractSent(block.nLength);
+        }
+        if (!TakeFirstBlock(block))
             return true;
-        block = m_listSendBuffer.front();
-        m_listSendBuffer.pop_front();
     }
+}
+
+// The first queued block, out of the queue; false when the queue is empty.
+// A block that went back after a partial send is taken again from here, so a
+// ClearSendBuffer in between decides about it as about any queued block.
+bool CWiTcp::TakeFirstBlock(SendBlock& block)
+{
+    CScopeLock lock(m_csComm);
+    if (m_listSendBuffer.empty())
+        return false;
+    block = m_listSendBuffer.front();
+    m_listSendBuffer.pop_front();
+    return true;
 }
 
 // OnWriteComplete; an exception out of it passes on, but the block is not lost.

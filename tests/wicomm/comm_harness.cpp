@@ -9,6 +9,7 @@ void Recorder::Add(const std::string& kind, const CommPtr& spComm, int a, int b,
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_events.push_back({kind, spComm.get(), a, b, GetCurrentThreadId()});
+        ++m_nChanges;
         if (kind == "read" && a > 0)
             m_data.push_back({spComm.get(), std::string(static_cast<const char*>(pData), a)});
         if (kind == "open")
@@ -128,10 +129,18 @@ void Recorder::Forget()
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
+        // The condition takes the lock itself, so it is tested outside it: the
+        // change count read before the test tells whether an event came in
+        // between, which the wait below would otherwise sleep through.
+        unsigned long long nSeen;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            nSeen = m_nChanges;
+        }
         if (condition())
             return ::testing::AssertionSuccess();
         std::unique_lock<std::mutex> lock(m_mutex);
-        if (m_changed.wait_until(lock, deadline) == std::cv_status::timeout) {
+        if (!m_changed.wait_until(lock, deadline, [&] { return m_nChanges != nSeen; })) {
             lock.unlock();
             if (condition())
                 return ::testing::AssertionSuccess();

@@ -61,6 +61,7 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     std::vector<CommEvent> m_events;
+    unsigned long long m_nChanges = 0;   // events added so far
     std::vector<std::pair<CWiComm*, std::string>> m_data;
     CommPtr m_spLastOpened;
 };
