@@ -13,9 +13,8 @@
 #include <string>
 
 #include "demo_section.h"
+#include "echo_server.h"
 #include "factory/overlapped_socket_factory.h"
-#include "overlapped/overlapped_socket.h"
-#include "overlapped/socket_notify.h"
 
 namespace {
 
@@ -24,17 +23,6 @@ const int kMessagesPerClient = 100;
 const int kMessageSize = 1024;
 
 typedef std::shared_ptr<COverlappedSocket> SocketPtr;
-
-// Server side: echo every byte back.
-class EchoServer : public ISocketNotifyObject {
-public:
-    void OnConnect(int, SocketPtr) override {}
-    void OnClose(int, SocketPtr) override {}
-    void OnReceive(int, const void* pData, int nLength, SocketPtr s) override { s->Send(pData, nLength, 0); }
-    void OnSend(int, int, SocketPtr) override {}
-    DWORD OnReceiveTimeout(SocketPtr) override { return 0; }
-    void OnDelete(COverlappedSocket*) override {}
-};
 
 // Client side: one message in flight per connection; counts whole echoes.
 class EchoClient : public ISocketNotifyObject {
@@ -84,19 +72,6 @@ private:
     int m_finished = 0;
 };
 
-unsigned short PickPort()
-{
-    SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    int len = sizeof(a);
-    bind(s, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-    getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-    closesocket(s);
-    return ntohs(a.sin_port);
-}
-
 }  // namespace
 
 DemoRow CompletionPortEchoSection()
@@ -109,16 +84,16 @@ DemoRow CompletionPortEchoSection()
         row.note = "CreateObject failed";
         return row;
     }
-    auto server = std::make_shared<EchoServer>();
+    auto server = std::make_shared<EchoServerNotify>();
     auto client = std::make_shared<EchoClient>();
-    unsigned short port = PickPort();
-    SocketPtr listen = factory->CreateSocket(server, port, L"127.0.0.1");
+    SocketPtr listen = factory->CreateSocket(server, 0, L"127.0.0.1");
     if (!listen || !listen->Listen(SOMAXCONN)) {
         row.note = "listen failed";
         factory->Destory();
         return row;
     }
     factory->CreateSocket(server, listen, 16);
+    unsigned int port = ListenPort(listen);
     std::printf("  %-28s 127.0.0.1:%u, 16 accepts posted\n", "listening on", port);
     ULONGLONG t0 = GetTickCount64();
     for (int i = 0; i < kClients; ++i) {

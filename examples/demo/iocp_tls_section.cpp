@@ -15,9 +15,8 @@
 #include <string>
 
 #include "demo_section.h"
+#include "echo_server.h"
 #include "factory/overlapped_socket_factory.h"
-#include "overlapped/overlapped_socket.h"
-#include "overlapped/socket_notify.h"
 
 namespace {
 
@@ -27,17 +26,6 @@ const int kMessageSize = 1024;
 const int kWorkersPerFactory = 4;
 
 typedef std::shared_ptr<COverlappedSocket> SocketPtr;
-
-// Server side: echo every byte back.
-class TlsEchoServer : public ISocketNotifyObject {
-public:
-    void OnConnect(int, SocketPtr) override {}
-    void OnClose(int, SocketPtr) override {}
-    void OnReceive(int, const void* pData, int nLength, SocketPtr s) override { s->Send(pData, nLength, 0); }
-    void OnSend(int, int, SocketPtr) override {}
-    DWORD OnReceiveTimeout(SocketPtr) override { return 0; }
-    void OnDelete(COverlappedSocket*) override {}
-};
 
 // Client side: one message in flight per connection. A TLS socket hands over
 // whatever it has decrypted in one OnReceive, so echoes are counted by bytes,
@@ -134,17 +122,9 @@ private:
     int m_finished = 0;
 };
 
-unsigned int ListenPort(const SocketPtr& listen)
-{
-    CString address;
-    unsigned int port = 0;
-    listen->GetSockName(address, port);
-    return port;
-}
-
 // The server: a kind-1 factory, a listener on 127.0.0.1 (any port) and its accepts.
 SocketPtr StartServer(const std::shared_ptr<COverlappedSocketFactory>& factory,
-                      const std::shared_ptr<TlsEchoServer>& server)
+                      const std::shared_ptr<EchoServerNotify>& server)
 {
     SocketPtr listen = factory->CreateSocket(server, 0, L"127.0.0.1");
     if (!listen || !listen->Listen(SOMAXCONN))
@@ -166,7 +146,7 @@ DemoRow CompletionPortTlsEchoSection()
     SetEnvironmentVariableW(L"SEALKIT_VERIFY", L"0");
     auto serverFactory = COverlappedSocketFactory::CreateObject(COverlappedSocketFactory::KIND_SSL, kWorkersPerFactory);
     auto clientFactory = COverlappedSocketFactory::CreateObject(COverlappedSocketFactory::KIND_SSL, kWorkersPerFactory);
-    auto server = std::make_shared<TlsEchoServer>();
+    auto server = std::make_shared<EchoServerNotify>();
     auto client = std::make_shared<TlsEchoClient>();
     SocketPtr listen = serverFactory && clientFactory ? StartServer(serverFactory, server) : SocketPtr();
     if (!listen) {
