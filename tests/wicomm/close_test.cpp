@@ -4,22 +4,7 @@
 
 namespace {
 
-class CloseTest : public WiCommTest {
-protected:
-    // A connected pair: client and the accepted object.
-    void Pair(Recorder& srv, Recorder& cli)
-    {
-        listener = Listen(&srv);
-        ASSERT_TRUE(listener);
-        client = Connect(&cli);
-        ASSERT_TRUE(client);
-        ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "client OnOpen"));
-        ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == 2; }, "accepted OnOpen"));
-        accepted = srv.LastOpened();
-        srv.Forget();
-    }
-    CommPtr listener, client, accepted;
-};
+class CloseTest : public WiCommTest {};
 
 TEST_F(CloseTest, OnTheWindowThreadTheTeardownIsDoneWhenCloseReturns)
 {
@@ -80,29 +65,13 @@ TEST_F(CloseTest, CloseInsideOnCloseAfterAPeerClose)
 TEST_F(CloseTest, CloseWhileConnectingGivesOnCloseWithoutOnOpen)
 {
     Recorder& cli = Rec();
-    unsigned short port = 0;
-    SOCKET stalled = ListenLoopback(port, 1);
-    std::vector<SOCKET> fillers;
-    for (int i = 0; i < 8; ++i) {
-        SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
-        u_long nb = 1;
-        ioctlsocket(s, FIONBIO, &nb);
-        sockaddr_in addr = {};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(port);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connect(s, (sockaddr*)&addr, sizeof(addr));
-        fillers.push_back(s);
-    }
-    m_port = port;
+    StalledListener stalled;
+    m_port = stalled.port;
     CommPtr client = Connect(&cli);
     ASSERT_TRUE(client);
     EXPECT_EQ(0, client->Write("x", 1)) << "Write during a connect";
     OnWindow([&] { client->Close(); });
     EXPECT_EQ(std::vector<std::string>{"close"}, cli.Kinds());
-    for (SOCKET s : fillers)
-        closesocket(s);
-    closesocket(stalled);
 }
 
 TEST_F(CloseTest, ClosingAListenerLeavesAcceptedObjectsWorking)

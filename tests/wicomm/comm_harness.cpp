@@ -192,6 +192,41 @@ CommPtr WiCommTest::Connect(ICommNotifyObject* pNotify, int nSSLMode, bool bSeco
     return Make(ConnectOption(), pNotify, nSSLMode, bSecond);
 }
 
+void WiCommTest::Pair(Recorder& srv, Recorder& cli, int nServerMode, int nClientMode)
+{
+    listener = Listen(&srv, nServerMode);
+    ASSERT_TRUE(listener);
+    client = Connect(&cli, nClientMode, nServerMode == 1 || nClientMode == 0);
+    ASSERT_TRUE(client);
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "client OnOpen"));
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == 2; }, "accepted OnOpen"));
+    accepted = srv.LastOpened();
+    srv.Forget();
+}
+
+StalledListener::StalledListener()
+{
+    listener = ListenLoopback(port, 1);
+    for (int i = 0; i < 8; ++i) {
+        SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+        u_long nb = 1;
+        ioctlsocket(s, FIONBIO, &nb);
+        sockaddr_in addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(port);
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connect(s, (sockaddr*)&addr, sizeof(addr));
+        fillers.push_back(s);
+    }
+}
+
+StalledListener::~StalledListener()
+{
+    for (SOCKET s : fillers)
+        closesocket(s);
+    closesocket(listener);
+}
+
 // ---- peeks and helpers ----------------------------------------------------------------
 
 size_t TcpPeek::DeadCount()

@@ -84,6 +84,11 @@ protected:
     CommPtr Connect(ICommNotifyObject* pNotify, int nSSLMode = -1, bool bSecond = false);
     std::string ConnectOption() const;
     void OnWindow(const std::function<void()>& fn) { ASSERT_TRUE(m_window->Run(fn)); }
+    // A connected pair in listener, client and accepted, both sides opened;
+    // srv forgets them afterwards. A TLS client of a TLS listener runs on the second thread.
+    void Pair(Recorder& srv, Recorder& cli, int nServerMode = -1, int nClientMode = -1);
+
+    CommPtr listener, client, accepted;
 
     std::deque<Recorder> m_recorders;
     WinsockScope m_winsock;
@@ -91,6 +96,15 @@ protected:
     std::unique_ptr<WindowThread> m_window2;
     DebugCapture m_debug;
     unsigned short m_port = 0;
+};
+
+// A listener whose accept queue is full: the next connect stays under way.
+struct StalledListener {
+    StalledListener();
+    ~StalledListener();
+    unsigned short port = 0;
+    SOCKET listener = INVALID_SOCKET;
+    std::vector<SOCKET> fillers;
 };
 
 // Protected fields of a CWiTcp, for checks that the public interface can't make.

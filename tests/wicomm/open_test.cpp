@@ -105,34 +105,6 @@ TEST_F(OpenTest, RefusedConnectGivesOpenErrorThenClose)
     EXPECT_EQ(INVALID_SOCKET, TcpPeek::Socket(client));
 }
 
-// A listener whose accept queue is full: the next connect stays under way.
-struct StalledListener {
-    StalledListener()
-    {
-        listener = ListenLoopback(port, 1);
-        for (int i = 0; i < 8; ++i) {
-            SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
-            u_long nb = 1;
-            ioctlsocket(s, FIONBIO, &nb);
-            sockaddr_in addr = {};
-            addr.sin_family = AF_INET;
-            addr.sin_port = htons(port);
-            addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            connect(s, (sockaddr*)&addr, sizeof(addr));
-            fillers.push_back(s);
-        }
-    }
-    ~StalledListener()
-    {
-        for (SOCKET s : fillers)
-            closesocket(s);
-        closesocket(listener);
-    }
-    unsigned short port = 0;
-    SOCKET listener = INVALID_SOCKET;
-    std::vector<SOCKET> fillers;
-};
-
 TEST_F(OpenTest, ConnectTimeOutGivesOpenErrorMinusOneThenClose)
 {
     StalledListener stalled;

@@ -6,21 +6,7 @@
 
 namespace {
 
-class TransferTest : public WiCommTest {
-protected:
-    void Pair(Recorder& srv, Recorder& cli, int nServerMode = -1, int nClientMode = -1)
-    {
-        listener = Listen(&srv, nServerMode);
-        ASSERT_TRUE(listener);
-        client = Connect(&cli, nClientMode, nServerMode == 1 || nClientMode == 0);
-        ASSERT_TRUE(client);
-        ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "client OnOpen"));
-        ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == 2; }, "accepted OnOpen"));
-        accepted = srv.LastOpened();
-        srv.Forget();
-    }
-    CommPtr listener, client, accepted;
-};
+class TransferTest : public WiCommTest {};
 
 TEST_F(TransferTest, PlainReadsDeliverWhatArrivedUpToTheReadSize)
 {
