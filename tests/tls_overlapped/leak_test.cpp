@@ -30,6 +30,44 @@ void MakeEcho(Recorder& server)
     server.onReceive = [](const void* pData, int nLength, SocketPtr s) { s->Send(pData, nLength, 0); };
 }
 
+// A TLS echo server (a listener with 8 accepts) and a factory for its
+// clients. The clients have a factory of their own: a handshake holds a
+// worker until the peer answers, so 8 clients and 8 servers on 4 shared
+// workers could wait for each other until the handshake time-out.
+struct EchoServerAndClients {
+    void Start(int nBacklog)
+    {
+        spFactory = COverlappedSocketFactory::CreateObject(1, 4);
+        ASSERT_TRUE(spFactory);
+        spClientFactory = COverlappedSocketFactory::CreateObject(1, 4);
+        ASSERT_TRUE(spClientFactory);
+        MakeEcho(*spServer);
+        spListen = spFactory->CreateSocket(spServer, 0, L"127.0.0.1");
+        ASSERT_TRUE(spListen && spListen->Listen(nBacklog));
+        nPort = LocalPort(spListen);
+        spFactory->CreateSocket(spServer, spListen, 8);
+    }
+    // A client that connects to the server and sends (queued until the handshake has ended).
+    void ConnectAndSend(const void* pData, int nLength)
+    {
+        SocketPtr spSocket = spClientFactory->CreateSocket(spClient, 0, L"127.0.0.1");
+        ASSERT_TRUE(spSocket && spSocket->Connect(L"127.0.0.1", nPort));
+        spSocket->Send(pData, nLength, 0);
+    }
+    void Destory()
+    {
+        spListen.reset();
+        spFactory->Destory();
+        spClientFactory->Destory();
+    }
+
+    std::shared_ptr<COverlappedSocketFactory> spFactory, spClientFactory;
+    std::shared_ptr<Recorder> spServer = std::make_shared<Recorder>();
+    std::shared_ptr<Recorder> spClient = std::make_shared<Recorder>();
+    SocketPtr spListen;
+    unsigned short nPort = 0;
+};
+
 }  // namespace
 
 TEST(TlsLeaks, ChurnOfConnectionsEndsEverySocket)
@@ -38,35 +76,20 @@ TEST(TlsLeaks, ChurnOfConnectionsEndsEverySocket)
     WarmUp();
     LeakBaseline baseline;
     {
-        auto spFactory = COverlappedSocketFactory::CreateObject(1, 4);
-        ASSERT_TRUE(spFactory);
-        // Clients on a factory of their own: a handshake holds a worker until
-        // the peer answers, so 8 clients and 8 servers on 4 shared workers
-        // could wait for each other until the handshake time-out.
-        auto spClientFactory = COverlappedSocketFactory::CreateObject(1, 4);
-        ASSERT_TRUE(spClientFactory);
-        auto spServer = std::make_shared<Recorder>();
-        auto spClient = std::make_shared<Recorder>();
-        MakeEcho(*spServer);
-        spClient->onReceive = [](const void*, int, SocketPtr s) { s->Close(); };
-        SocketPtr spListen = spFactory->CreateSocket(spServer, 0, L"127.0.0.1");
-        ASSERT_TRUE(spListen && spListen->Listen(64));
-        unsigned short nPort = LocalPort(spListen);
-        spFactory->CreateSocket(spServer, spListen, 8);
+        EchoServerAndClients run;
+        run.spClient->onReceive = [](const void*, int, SocketPtr s) { s->Close(); };
+        ASSERT_NO_FATAL_FAILURE(run.Start(64));
+        auto& spServer = run.spServer;
+        auto& spClient = run.spClient;
         const int kBatches = 20, kPerBatch = 8;
         for (int b = 0; b < kBatches; ++b) {
-            for (int i = 0; i < kPerBatch; ++i) {
-                SocketPtr spSocket = spClientFactory->CreateSocket(spClient, 0, L"127.0.0.1");
-                ASSERT_TRUE(spSocket && spSocket->Connect(L"127.0.0.1", nPort));
-                spSocket->Send("ping", 4, 0);   // queued until the handshake has ended
-            }
+            for (int i = 0; i < kPerBatch; ++i)
+                ASSERT_NO_FATAL_FAILURE(run.ConnectAndSend("ping", 4));
             ASSERT_TRUE(spClient->deletes.WaitAtLeast((b + 1) * kPerBatch, "batch " + std::to_string(b) +
                                                                                   " of clients closed and deleted"));
         }
         ASSERT_TRUE(spServer->deletes.WaitAtLeast(kBatches * kPerBatch, "server sides ended by their peers"));
-        spListen.reset();
-        spFactory->Destory();
-        spClientFactory->Destory();
+        run.Destory();
         EXPECT_TRUE(spClient->EachSocketClosedOnceThenDeleted());
         EXPECT_TRUE(Eventually([&] { return spServer->Count(Note::Delete) == spServer->Count(Note::Close); },
                                "every server socket deleted after Destory"));
@@ -82,28 +105,16 @@ TEST(TlsLeaks, DestoryUnderLiveTrafficEndsEverySocket)
     WarmUp();
     LeakBaseline baseline;
     {
-        auto spFactory = COverlappedSocketFactory::CreateObject(1, 4);
-        ASSERT_TRUE(spFactory);
-        auto spClientFactory = COverlappedSocketFactory::CreateObject(1, 4);
-        ASSERT_TRUE(spClientFactory);
-        auto spServer = std::make_shared<Recorder>();
-        auto spClient = std::make_shared<Recorder>();
-        MakeEcho(*spServer);
-        MakeEcho(*spClient);   // ping-pong for ever
-        SocketPtr spListen = spFactory->CreateSocket(spServer, 0, L"127.0.0.1");
-        ASSERT_TRUE(spListen && spListen->Listen(16));
-        unsigned short nPort = LocalPort(spListen);
-        spFactory->CreateSocket(spServer, spListen, 8);
+        EchoServerAndClients run;
+        MakeEcho(*run.spClient);   // ping-pong for ever
+        ASSERT_NO_FATAL_FAILURE(run.Start(16));
+        auto& spServer = run.spServer;
+        auto& spClient = run.spClient;
         const std::string block = Pattern(20000, 9);
-        for (int i = 0; i < 8; ++i) {
-            SocketPtr spSocket = spClientFactory->CreateSocket(spClient, 0, L"127.0.0.1");
-            ASSERT_TRUE(spSocket && spSocket->Connect(L"127.0.0.1", nPort));
-            spSocket->Send(block.data(), static_cast<int>(block.size()), 0);
-        }
+        for (int i = 0; i < 8; ++i)
+            ASSERT_NO_FATAL_FAILURE(run.ConnectAndSend(block.data(), static_cast<int>(block.size())));
         ASSERT_TRUE(spClient->receivedBytes.WaitAtLeast(8 * 20000 * 3, "traffic on all connections"));
-        spListen.reset();
-        spFactory->Destory();
-        spClientFactory->Destory();
+        run.Destory();
         EXPECT_TRUE(Eventually(
             [&] {
                 return spServer->Count(Note::Delete) == spServer->Count(Note::Close) &&
