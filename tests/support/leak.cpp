@@ -3,14 +3,11 @@
 #include "module/module.h"
 #include "support/wait.h"
 
-long ModuleHeapBusyBlocks()
+long HeapBusyBlocks(HANDLE heap)
 {
-    HANDLE heap = g_hModuleHeap;
-    if (heap == NULL)
+    if (heap == NULL || !HeapLock(heap))
         return -1;
     long busy = 0;
-    if (!HeapLock(heap))
-        return -1;
     PROCESS_HEAP_ENTRY entry = {};
     while (HeapWalk(heap, &entry))
         if (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY)
@@ -18,6 +15,8 @@ long ModuleHeapBusyBlocks()
     HeapUnlock(heap);
     return busy;
 }
+
+long ModuleHeapBusyBlocks() { return HeapBusyBlocks(g_hModuleHeap); }
 
 long ProcessHandleCount()
 {

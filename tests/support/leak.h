@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+// Busy blocks on a heap; -1 without a heap or when it can't be locked.
+long HeapBusyBlocks(HANDLE heap);
 // Busy blocks on the module heap (g_hModuleHeap of wisock.dll); -1 without a heap.
 long ModuleHeapBusyBlocks();
 // Handles the process holds now.

@@ -8,18 +8,7 @@
 namespace {
 
 // Busy blocks of the C run-time heap, where new[] of the stack allocates.
-long CrtHeapBusyBlocks()
-{
-    HANDLE heap = (HANDLE)_get_heap_handle();
-    long busy = 0;
-    HeapLock(heap);
-    PROCESS_HEAP_ENTRY entry = {};
-    while (HeapWalk(heap, &entry))
-        if (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY)
-            ++busy;
-    HeapUnlock(heap);
-    return busy;
-}
+long CrtHeapBusyBlocks() { return HeapBusyBlocks((HANDLE)_get_heap_handle()); }
 
 // One round: listener, plain and TLS connections with data queued and held,
 // some closed and some left open for Cleanup.
