@@ -91,12 +91,7 @@ void COverlappedSSL::EndConnection(SOCKET hSocket)
         spPostRef.swap(m_SendPostInfo.m_spSocket);
         m_SendPostInfo.m_hSocket = INVALID_SOCKET;
     }
-    for (COverlappedInfo* pInfo : m_listWaitSend)
-        delete pInfo;
-    m_listWaitSend.clear();
-    for (COverlappedInfo* pInfo : m_vecFreeInfo)
-        delete pInfo;
-    m_vecFreeInfo.clear();
+    DestroySendRecords();
     spListen.swap(m_spListenSocket);
     lock.Unlock();
 }
@@ -112,12 +107,7 @@ COverlappedSSL::~COverlappedSSL()
     {
         CScopeLock lock(m_csLock);
         m_spNotifyObject.reset();
-        for (COverlappedInfo* pInfo : m_listWaitSend)
-            delete pInfo;
-        m_listWaitSend.clear();
-        for (COverlappedInfo* pInfo : m_vecFreeInfo)
-            delete pInfo;
-        m_vecFreeInfo.clear();
+        DestroySendRecords();
     }
     spNotify.reset();
     // An object that never went through Close (its creation failed halfway)
