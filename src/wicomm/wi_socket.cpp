@@ -194,8 +194,7 @@ LRESULT CALLBACK CWiSocket::WndProc(HWND hWnd, UINT nMessage, WPARAM wParam, LPA
             spSocket->OnTimer(wParam);
             return 0;
         case WM_WISOCKET_NOTIFY:
-            if (IsWindow(hWnd))
-                spSocket->OnSocketNotify(wParam, lParam);
+            spSocket->OnSocketNotify(wParam, lParam);
             return 0;
         case WM_WISOCKET_CLOSE:
             if ((SOCKET)wParam == spSocket->m_hSocket && lParam == 32)
