@@ -13,6 +13,7 @@
 #include "factory/overlapped_socket_factory.h"
 #include "overlapped/overlapped_socket.h"
 #include "overlapped/socket_notify.h"
+#include "support/pattern.h"
 #include "support/wait.h"
 
 typedef std::shared_ptr<COverlappedSocket> SocketPtr;
@@ -194,15 +195,6 @@ private:
 typedef std::vector<std::string> Log;
 
 // Bytes 0..n-1 of a pattern that a shifted or dropped byte cannot hide in.
-inline std::string Pattern(size_t n, unsigned seed = 1)
-{
-    std::string s(n, '\0');
-    unsigned x = seed * 2654435761u + 12345u;
-    for (size_t i = 0; i < n; ++i) {
-        x = x * 1103515245u + 12345u;
-        s[i] = static_cast<char>(x >> 16);
-    }
-    return s;
-}
+inline std::string Pattern(size_t n, unsigned seed = 1) { return PatternBytes<std::string>(n, seed); }
 
 #endif

@@ -1,5 +1,6 @@
 #include "tls_harness.h"
 
+#include "support/pattern.h"
 #include "test_certs.h"
 
 #include <cstdio>
@@ -140,16 +141,7 @@ bool WaitSocket(SOCKET s, bool forRead)
     return ::testing::AssertionSuccess();
 }
 
-std::vector<char> Pattern(size_t size, unsigned seed)
-{
-    std::vector<char> data(size);
-    unsigned x = seed * 2654435761u + 1;
-    for (char& c : data) {
-        x = x * 1103515245u + 12345u;
-        c = (char)(x >> 16);
-    }
-    return data;
-}
+std::vector<char> Pattern(size_t size, unsigned seed) { return PatternBytes<std::vector<char>>(size, seed); }
 
 void SealkitTest::SetUp()
 {

@@ -20,6 +20,7 @@
 #include "overlapped/socket_notify.h"
 #include "support/leak.h"
 #include "support/net.h"
+#include "support/pattern.h"
 #include "support/wait.h"
 #include "support/window_thread.h"
 #include "wicomm/wi_tcp.h"
@@ -33,16 +34,7 @@ typedef std::shared_ptr<CWiComm> CommPtr;
 const std::vector<size_t> kSizes = {1, 4095, 4096, 4097, 65539, 256 * 1024};
 const std::vector<size_t> kWarmUpSizes = {1, 5000};
 
-std::string Pattern(size_t size, unsigned seed)
-{
-    std::string data(size, '\0');
-    unsigned x = seed * 2654435761u + 1;
-    for (size_t i = 0; i < size; ++i) {
-        x = x * 1103515245u + 12345u;
-        data[i] = static_cast<char>(x >> 16);
-    }
-    return data;
-}
+std::string Pattern(size_t size, unsigned seed) { return PatternBytes<std::string>(size, seed); }
 
 // Bytes that arrived on one connection, and a counter to wait on.
 class Inbox {

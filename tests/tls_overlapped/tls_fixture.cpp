@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "support/pattern.h"
+
 void Recorder::Add(Note kind, int error, const COverlappedSocket* pSocket, int length)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -134,16 +136,7 @@ long Recorder::Count(Note kind) const
 
 void AllowSelfSignedServer() { SetEnvironmentVariableW(L"SEALKIT_VERIFY", L"0"); }
 
-std::string Pattern(size_t size, unsigned seed)
-{
-    std::string data(size, '\0');
-    unsigned x = seed * 2654435761u + 1;
-    for (size_t i = 0; i < size; ++i) {
-        x = x * 1103515245u + 12345u;
-        data[i] = static_cast<char>(x >> 16);
-    }
-    return data;
-}
+std::string Pattern(size_t size, unsigned seed) { return PatternBytes<std::string>(size, seed); }
 
 unsigned short LocalPort(const SocketPtr& spSocket)
 {

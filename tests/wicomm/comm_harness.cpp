@@ -1,6 +1,7 @@
 #include "comm_harness.h"
 
 #include "module/scope_lock.h"
+#include "support/pattern.h"
 
 // ---- Recorder -------------------------------------------------------------------
 
@@ -265,16 +266,7 @@ int SinkWindowsOf(DWORD nThread)
     return count.n;
 }
 
-std::vector<char> Pattern(size_t size, unsigned seed)
-{
-    std::vector<char> data(size);
-    unsigned x = seed * 2654435761u + 1;
-    for (size_t i = 0; i < size; ++i) {
-        x = x * 1103515245u + 12345u;
-        data[i] = (char)(x >> 16);
-    }
-    return data;
-}
+std::vector<char> Pattern(size_t size, unsigned seed) { return PatternBytes<std::vector<char>>(size, seed); }
 
 std::string Narrow(const CString& text)
 {
