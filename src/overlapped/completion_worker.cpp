@@ -185,7 +185,6 @@ void COverlappedSocket::OnConnectCompleted(COverlappedInfo* pInfo, CString& strT
     setsockopt(m_hSocket, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&nNoDelay), sizeof(nNoDelay));
     m_dtConnectTime = CurrentLocalOleDate();
     m_RecvInfo.m_spSocket = std::move(m_ConnectInfo.m_spSocket);
-    m_ConnectInfo.m_spSocket.reset();
     m_ConnectInfo.m_hSocket = INVALID_SOCKET;
     m_RecvInfo.m_hSocket = m_hSocket;
     std::shared_ptr<ISocketNotifyObject> spNotify = m_spNotifyObject;
