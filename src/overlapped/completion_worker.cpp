@@ -26,11 +26,27 @@ bool COverlappedSocket::FailureEndsConnection(int nErrorCode, int nOperateType)
            nOperateType == COverlappedInfo::TYPE_CONNECT;
 }
 
-DWORD WINAPI COverlappedSocket::WorkThread(void* pParam)
+std::shared_ptr<COverlappedSocketFactory> COverlappedSocket::FactoryOfWorker(void* pParam)
 {
     COverlappedSocketFactory* pFactory = static_cast<COverlappedSocketFactory*>(pParam);
     std::shared_ptr<COverlappedSocketFactory> spFactory = pFactory->weak_from_this().lock();
     if (!spFactory || spFactory->m_hCompletionPort == NULL)
+        return nullptr;
+    return spFactory;
+}
+
+bool COverlappedSocket::ReleaseIfClosed(COverlappedInfo* pInfo, std::shared_ptr<COverlappedSocket>& spReleased)
+{
+    if (!m_bClosed)
+        return false;
+    spReleased = ReleaseRecord(pInfo);
+    return true;
+}
+
+DWORD WINAPI COverlappedSocket::WorkThread(void* pParam)
+{
+    std::shared_ptr<COverlappedSocketFactory> spFactory = FactoryOfWorker(pParam);
+    if (!spFactory)
         return 0;
     HANDLE hPort = spFactory->m_hCompletionPort;
     CString strTrace;
@@ -128,10 +144,8 @@ void COverlappedSocket::OnRecvCompleted(COverlappedInfo* pInfo, DWORD dwBytes, C
     SocketRef spSelf = shared_from_this();
     SocketRef spReleased;
     CScopeLock lock(m_csLock);
-    if (m_bClosed) {
-        spReleased = ReleaseRecord(pInfo);
+    if (ReleaseIfClosed(pInfo, spReleased))
         return;
-    }
     m_dwLastReceiveTick = GetTickCount();
     std::shared_ptr<ISocketNotifyObject> spNotify = m_spNotifyObject;
     lock.Unlock();
@@ -145,10 +159,8 @@ void COverlappedSocket::OnSendCompleted(COverlappedInfo* pInfo, DWORD dwBytes, C
     SocketRef spSelf = shared_from_this();
     SocketRef spReleased;
     CScopeLock lock(m_csLock);
-    if (m_bClosed) {
-        spReleased = ReleaseRecord(pInfo);
+    if (ReleaseIfClosed(pInfo, spReleased))
         return;
-    }
     m_bSending = 0;
     if (dwBytes < pInfo->m_WSABuf.len) {
         std::memmove(pInfo->m_pBuffer, pInfo->m_pBuffer + dwBytes, pInfo->m_nDataLength - dwBytes);
@@ -177,10 +189,8 @@ void COverlappedSocket::OnConnectCompleted(COverlappedInfo* pInfo, CString& strT
     SocketRef spSelf = shared_from_this();
     SocketRef spReleased;
     CScopeLock lock(m_csLock);
-    if (m_bClosed) {
-        spReleased = ReleaseRecord(pInfo);
+    if (ReleaseIfClosed(pInfo, spReleased))
         return;
-    }
     int nNoDelay = 1;
     setsockopt(m_hSocket, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&nNoDelay), sizeof(nNoDelay));
     m_dtConnectTime = CurrentLocalOleDate();

@@ -29,7 +29,7 @@ COverlappedSocket::COverlappedSocket()
     std::memset(m_byAddressArea, 0, sizeof(m_byAddressArea));
 }
 
-COverlappedSocket::~COverlappedSocket()
+void COverlappedSocket::ReportDeleteAndFreeRecords()
 {
     std::shared_ptr<ISocketNotifyObject> spNotify;
     {
@@ -39,10 +39,15 @@ COverlappedSocket::~COverlappedSocket()
     CSocketNotifyCall::OnDelete(spNotify, this);
     {
         CScopeLock lock(m_csLock);
-        m_spNotifyObject.reset();
+        m_spNotifyObject.reset();   // so that a second call reports nothing
         DestroySendRecords();
     }
     spNotify.reset();
+}
+
+COverlappedSocket::~COverlappedSocket()
+{
+    ReportDeleteAndFreeRecords();
     DeleteCriticalSection(&m_csLock);
 }
 

@@ -100,6 +100,11 @@ protected:
     int ClaimCloseReport();
     // Stores the socket in the factory's m_mapClosingSockets (worker, before OnClose).
     void EnterClosingMap();
+    // The factory a worker routine was started for, or empty if it is gone
+    // or has no port (shared by the plain and the TLS worker).
+    static std::shared_ptr<COverlappedSocketFactory> FactoryOfWorker(void* pParam);
+    // Calls OnDelete once and frees the send records (both destructors).
+    void ReportDeleteAndFreeRecords();
     // Whether a failed completion of an operation of nOperateType ends the
     // connection (the plain and the TLS worker share this rule).
     static bool FailureEndsConnection(int nErrorCode, int nOperateType);
@@ -140,6 +145,9 @@ private:
     void OnConnectCompleted(COverlappedInfo* pInfo, CString& strTrace);
     int ArmNextRecv(int nOperateType, CString& strTrace);
     void EndAfterFailure(COverlappedInfo* pInfo, int nErrorCode);
+    // Caller holds m_csLock. On a closed socket, moves the record's reference
+    // into spReleased (dropped by the caller after its lock) and returns true.
+    bool ReleaseIfClosed(COverlappedInfo* pInfo, std::shared_ptr<COverlappedSocket>& spReleased);
     int IssueSend(COverlappedInfo* pInfo, int nFlags);
     COverlappedInfo* TakeSendRecord(int* pbNoMemory);
     void DestroySendRecords();

@@ -98,18 +98,9 @@ void COverlappedSSL::EndConnection(SOCKET hSocket)
 
 COverlappedSSL::~COverlappedSSL()
 {
-    std::shared_ptr<ISocketNotifyObject> spNotify;
-    {
-        CScopeLock lock(m_csLock);
-        spNotify = m_spNotifyObject;
-    }
-    CSocketNotifyCall::OnDelete(spNotify, this);
-    {
-        CScopeLock lock(m_csLock);
-        m_spNotifyObject.reset();
-        DestroySendRecords();
-    }
-    spNotify.reset();
+    // Reported here, while the object is still a whole TLS socket; the base
+    // destructor's call then finds nothing left to report.
+    ReportDeleteAndFreeRecords();
     // An object that never went through Close (its creation failed halfway)
     // still owns its event object; nothing can wait on it, since a registered
     // wait would hold a reference to the object.

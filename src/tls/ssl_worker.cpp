@@ -18,9 +18,8 @@ bool IsConnectionRecord(int nType)
 
 DWORD WINAPI COverlappedSSL::WorkThread(void* pParam)
 {
-    COverlappedSocketFactory* pFactory = static_cast<COverlappedSocketFactory*>(pParam);
-    std::shared_ptr<COverlappedSocketFactory> spFactory = pFactory->weak_from_this().lock();
-    if (!spFactory || spFactory->m_hCompletionPort == NULL)
+    std::shared_ptr<COverlappedSocketFactory> spFactory = FactoryOfWorker(pParam);
+    if (!spFactory)
         return 0;
     HANDLE hPort = spFactory->m_hCompletionPort;
     CString strTrace;
