@@ -25,7 +25,7 @@ void CALLBACK DoNothingAPC(ULONG_PTR) {}
 COverlappedSocketFactory::COverlappedSocketFactory()
     : m_nSocketKind(-1), m_bSslStarted(FALSE), m_bWinsockStarted(FALSE), m_hCompletionPort(NULL),
       m_bDestroyed(FALSE), m_nWorkThreadCount(0), m_hRecvTimeoutThread(NULL), m_bTimerPassRunning(FALSE),
-      m_dwLastPassTick(GetTickCount()), m_nOperationsInFlight(0)
+      m_dwLastPassTick(GetTickCount()), m_nOperationsInFlight(0), m_hOperationsDrained(NULL)
 {
     InitializeCriticalSectionAndSpinCount(&m_csLock, 0);
 }
@@ -39,6 +39,8 @@ COverlappedSocketFactory::~COverlappedSocketFactory()
     m_mapListenSockets.clear();
     m_mapOpenSockets.clear();
     m_vecWorkThreads.clear();
+    if (m_hOperationsDrained != NULL)
+        CloseHandle(m_hOperationsDrained);
     DeleteCriticalSection(&m_csLock);
 }
 
@@ -96,6 +98,9 @@ std::shared_ptr<COverlappedSocketFactory> COverlappedSocketFactory::CreateObject
 int COverlappedSocketFactory::StartThreads(LPTHREAD_START_ROUTINE pfnWorker, int nThreads)
 {
     CScopeLock lock(m_csLock);
+    m_hOperationsDrained = CreateEventW(NULL, TRUE, FALSE, NULL);
+    if (m_hOperationsDrained == NULL)
+        return 0;
     m_hCompletionPort = CreateIoCompletionPort(INVALID_HANDLE_VALUE, NULL, 0, 0);
     if (m_hCompletionPort == NULL)
         return 0;
@@ -118,7 +123,12 @@ void COverlappedSocketFactory::Lock() { EnterCriticalSection(&m_csLock); }
 void COverlappedSocketFactory::Unlock() { LeaveCriticalSection(&m_csLock); }
 
 void COverlappedSocketFactory::OperationIssued() { InterlockedIncrement(&m_nOperationsInFlight); }
-void COverlappedSocketFactory::OperationCompleted() { InterlockedDecrement(&m_nOperationsInFlight); }
+void COverlappedSocketFactory::OperationCompleted()
+{
+    // The last completion after Destory closed the sockets wakes its wait.
+    if (InterlockedDecrement(&m_nOperationsInFlight) == 0 && m_bDestroyed)
+        SetEvent(m_hOperationsDrained);
+}
 
 void COverlappedSocketFactory::CloseAllSocket()
 {
@@ -133,20 +143,18 @@ void COverlappedSocketFactory::CloseAllSocket()
 
 // The sockets are closed; the workers still have to take the completions of
 // what closing them aborted, or those records would keep their sockets (and
-// buffers) for ever.
+// buffers) for ever. OperationCompleted sets the event with the last one.
 void COverlappedSocketFactory::WaitForOperationsToFinish()
 {
-    DWORD dwStart = GetTickCount();
-    while (InterlockedCompareExchange(&m_nOperationsInFlight, 0, 0) > 0 &&
-           GetTickCount() - dwStart < kOperationsDrainTimeout)
-        Sleep(1);
+    if (InterlockedCompareExchange(&m_nOperationsInFlight, 0, 0) > 0)
+        WaitForSingleObject(m_hOperationsDrained, kOperationsDrainTimeout);
 }
 
 void COverlappedSocketFactory::EndThread(HANDLE hThread, LPCWSTR pszTerminateMessage)
 {
-    // Destory called from a notify object on one of our own threads: that
-    // thread can't wait for itself (nor be terminated); it ends on its quit
-    // packet, or on the closed port, once it returns to its loop.
+    // The one thread that can't be waited for is the caller itself (a hand-off
+    // that could not start a thread): it ends on its quit packet, or on the
+    // closed port, once it returns to its loop.
     if (GetThreadId(hThread) == GetCurrentThreadId()) {
         CloseHandle(hThread);
         return;
@@ -158,20 +166,65 @@ void COverlappedSocketFactory::EndThread(HANDLE hThread, LPCWSTR pszTerminateMes
     CloseHandle(hThread);
 }
 
+bool COverlappedSocketFactory::IsOwnThread()
+{
+    DWORD dwSelf = GetCurrentThreadId();
+    CScopeLock lock(m_csLock);
+    for (HANDLE hThread : m_vecWorkThreads)
+        if (GetThreadId(hThread) == dwSelf)
+            return true;
+    return m_hRecvTimeoutThread != NULL && GetThreadId(m_hRecvTimeoutThread) == dwSelf;
+}
+
 void COverlappedSocketFactory::Destory()
 {
-    std::vector<HANDLE> workers;
-    HANDLE hPort;
     {
         CScopeLock lock(m_csLock);
         if (m_bDestroyed)
             return;
         m_bDestroyed = TRUE;
-        workers = m_vecWorkThreads;
-        hPort = m_hCompletionPort;
     }
     CloseAllSocket();
     CloseAllSocket();
+    // Called from a notification on one of our own threads: that thread has
+    // to go back to its loop before the completions drain and the threads
+    // end, so the rest runs on a thread of its own.
+    if (IsOwnThread() && HandOffEnd())
+        return;
+    FinishDestory();
+}
+
+DWORD WINAPI COverlappedSocketFactory::FinishDestoryThread(void* pParam)
+{
+    std::shared_ptr<COverlappedSocketFactory>* pHeld = static_cast<std::shared_ptr<COverlappedSocketFactory>*>(pParam);
+    (*pHeld)->FinishDestory();
+    delete pHeld;
+    return 0;
+}
+
+bool COverlappedSocketFactory::HandOffEnd()
+{
+    std::shared_ptr<COverlappedSocketFactory>* pHeld = new std::shared_ptr<COverlappedSocketFactory>(shared_from_this());
+    HANDLE hThread = CreateThread(NULL, 0, FinishDestoryThread, pHeld, 0, NULL);
+    if (hThread == NULL) {
+        delete pHeld;
+        return false;
+    }
+    CloseHandle(hThread);
+    return true;
+}
+
+// The part of Destory after the sockets are closed: drain, end the threads,
+// give back the port, the TLS library and Winsock.
+void COverlappedSocketFactory::FinishDestory()
+{
+    std::vector<HANDLE> workers;
+    HANDLE hPort;
+    {
+        CScopeLock lock(m_csLock);
+        workers = m_vecWorkThreads;
+        hPort = m_hCompletionPort;
+    }
     if (hPort != NULL && !workers.empty())
         WaitForOperationsToFinish();
     if (hPort != NULL)
@@ -189,6 +242,11 @@ void COverlappedSocketFactory::Destory()
         QueueUserAPCToRecvTimeoutThread(DoNothingAPC, 0);
         EndThread(hTimeoutThread, L"In COverlappedSocketFactory::Destory, TerminateThread a RecvTimeoutThread thread\n");
     }
+    ReleaseEverything();
+}
+
+void COverlappedSocketFactory::ReleaseEverything()
+{
     // What the maps and timer tables still hold is released after the lock
     // is left: a last reference runs a destructor, which calls OnDelete.
     SocketMap open, listening, closing, connected;
@@ -205,6 +263,10 @@ void COverlappedSocketFactory::Destory()
     if (m_hCompletionPort != NULL) {
         CloseHandle(m_hCompletionPort);
         m_hCompletionPort = NULL;
+    }
+    if (m_hOperationsDrained != NULL) {
+        CloseHandle(m_hOperationsDrained);
+        m_hOperationsDrained = NULL;
     }
     if (m_bSslStarted) {
         OPENSSL_uninit();

@@ -6,6 +6,7 @@
 
 #include <winsock2.h>
 #include <windows.h>
+#include <mswsock.h>
 
 #include <list>
 #include <map>
@@ -74,6 +75,7 @@ protected:
     void OperationIssued();
     void OperationCompleted();
 
+
 private:
     COverlappedSocketFactory();
 
@@ -81,15 +83,29 @@ private:
     typedef std::vector<std::shared_ptr<COverlappedSocket>> SocketList;
 
     int StartThreads(LPTHREAD_START_ROUTINE pfnWorker, int nThreads);
+    bool IsOwnThread();
+    bool HandOffEnd();
+    // The end of Destory after the sockets are closed (also run by the
+    // thread that a Destory called on a thread of the factory hands it to).
+    void FinishDestory();
+    static DWORD WINAPI FinishDestoryThread(void* pParam);
+    void ReleaseEverything();
     void WaitForOperationsToFinish();
     void EndThread(HANDLE hThread, LPCWSTR pszTerminateMessage);
+    typedef std::vector<CRecvTimerRequest> TimerList;
     void RunTimerPass(SocketList& released);
+    void MergePendingTimerRequests(SocketList& released);
     void InsertTimerRequest(const CRecvTimerRequest& request, SocketList& released);
-    void HandleTimerEntry(TimerMap::iterator& it, DWORD dwLastPass, SocketList& released, CScopeLock& lock);
-    void ReportTimeout(TimerMap::iterator it, DWORD dwNow, SocketList& released, CScopeLock& lock);
+    void EraseTimerRequest(const COverlappedSocket* pSocket, SocketList& released);
+    void MoveTimerEntry(TimerMap::iterator entry, DWORD dwStart, DWORD dwTimeout, DWORD dwExpire, TimerList& moved);
+    void HandleTimerEntry(TimerMap::iterator& it, DWORD dwLastPass, TimerList& moved, SocketList& released,
+                          CScopeLock& lock);
+    void ReportTimeout(TimerMap::iterator it, DWORD dwNow, TimerList& moved, SocketList& released, CScopeLock& lock);
     void AbandonAcceptSocket(const std::shared_ptr<COverlappedSocket>& spSocket);
+    bool RefusedAfterDestory();
+    bool RegisterOpenSocket(const std::shared_ptr<COverlappedSocket>& spSocket);
+    int IssueAccept(const std::shared_ptr<COverlappedSocket>& spSocket, SOCKET hListenSocket, LPFN_ACCEPTEX pfnAcceptEx);
     void DropTimerRequests(const COverlappedSocket* pSocket, SocketList& released);
-    void SweepClosedTimerRequests(SocketList& released);
     void ClearTimerRequests(SocketList& released);
 
     // ---- fields, in this order ---------------------------------------------
@@ -103,6 +119,8 @@ private:
     SocketMap m_mapOpenSockets;
     SocketMap m_mapListenSockets;
     SocketMap m_mapConnectedSockets;
+    // Stays empty: which of a worker and Close reports a socket's end is
+    // decided by the socket's close claim alone (ClaimCloseReport).
     SocketMap m_mapClosingSockets;
     int m_nWorkThreadCount;
     HANDLE m_hRecvTimeoutThread;
@@ -112,6 +130,8 @@ private:
     DWORD m_dwLastPassTick;
     // Operations in flight (see OperationIssued).
     volatile LONG m_nOperationsInFlight;
+    // Set by the completion that brings m_nOperationsInFlight to 0 after Destory began.
+    HANDLE m_hOperationsDrained;
 
     COverlappedSocketFactory(const COverlappedSocketFactory&) = delete;
     COverlappedSocketFactory& operator=(const COverlappedSocketFactory&) = delete;

@@ -50,13 +50,7 @@ void COverlappedSocketFactory::AddTimerRequest(DWORD dwTimeout, std::shared_ptr<
 // Caller holds m_csLock. Replaces the socket's entry, if it has one.
 void COverlappedSocketFactory::InsertTimerRequest(const CRecvTimerRequest& request, SocketList& released)
 {
-    for (auto it = m_mapTimerRequests.begin(); it != m_mapTimerRequests.end(); ++it) {
-        if (it->second.m_spSocket == request.m_spSocket) {
-            released.push_back(std::move(it->second.m_spSocket));
-            m_mapTimerRequests.erase(it);
-            break;
-        }
-    }
+    EraseTimerRequest(request.m_spSocket.get(), released);
     m_mapTimerRequests.insert(std::make_pair(request.m_dwExpireTick, request));
 }
 
@@ -80,26 +74,65 @@ DWORD WINAPI COverlappedSocketFactory::RecvTimeoutThread(void* pParam)
     }
 }
 
+namespace {
+
+// A report's result is a time-out to wait for; past this it would read as
+// negative in the silence test and schedule the next report in the past.
+const DWORD kLongestReportedTimeout = 0x7FFFFFFF;
+
+}  // namespace
+
 void COverlappedSocketFactory::RunTimerPass(SocketList& released)
 {
     CScopeLock lock(m_csLock);
     m_bTimerPassRunning = TRUE;
-    for (const CRecvTimerRequest& request : m_lstPendingTimerRequests)
-        InsertTimerRequest(request, released);
-    m_lstPendingTimerRequests.clear();
+    MergePendingTimerRequests(released);
     DWORD dwLastPass = m_dwLastPassTick;
     m_dwLastPassTick = GetTickCount();
+    // Entries moved in this walk go back in after it: an entry moved to a key
+    // still due (a wrap, a huge time-out) would else come up again and again.
+    std::vector<CRecvTimerRequest> moved;
     auto it = m_mapTimerRequests.begin();
     while (!m_bDestroyed && it != m_mapTimerRequests.end())
-        HandleTimerEntry(it, dwLastPass, released, lock);
-    // Entries of sockets closed while this pass ran (Close leaves the map to us then).
-    SweepClosedTimerRequests(released);
+        HandleTimerEntry(it, dwLastPass, moved, released, lock);
+    for (const CRecvTimerRequest& request : moved)
+        m_mapTimerRequests.insert(std::make_pair(request.m_dwExpireTick, request));
+    // Requests made and sockets closed while a report had the lock left.
+    MergePendingTimerRequests(released);
     m_bTimerPassRunning = FALSE;
+}
+
+// Caller holds m_csLock. A pending request with a time-out of 0 is a closed
+// socket's: it only removes the socket's entry.
+void COverlappedSocketFactory::MergePendingTimerRequests(SocketList& released)
+{
+    for (CRecvTimerRequest& request : m_lstPendingTimerRequests) {
+        if (request.m_dwTimeout != 0)
+            InsertTimerRequest(request, released);
+        else
+            EraseTimerRequest(request.m_spSocket.get(), released);
+        released.push_back(std::move(request.m_spSocket));
+    }
+    m_lstPendingTimerRequests.clear();
+}
+
+// Caller holds m_csLock. Takes the entry out of the map; it goes back in,
+// under its new key, when the walk is over.
+void COverlappedSocketFactory::MoveTimerEntry(TimerMap::iterator entry, DWORD dwStart, DWORD dwTimeout, DWORD dwExpire,
+                                              std::vector<CRecvTimerRequest>& moved)
+{
+    CRecvTimerRequest request = entry->second;
+    request.m_dwStartTick = dwStart;
+    request.m_dwTimeout = dwTimeout;
+    request.m_dwExpireTick = dwExpire;
+    moved.push_back(request);
+    m_mapTimerRequests.erase(entry);
 }
 
 // Caller holds m_csLock (through lock). Advances it past the entry, or to the
 // end when the walk stops.
-void COverlappedSocketFactory::HandleTimerEntry(TimerMap::iterator& it, DWORD dwLastPass, SocketList& released,
+void COverlappedSocketFactory::HandleTimerEntry(TimerMap::iterator& it, DWORD dwLastPass,
+                                                std::vector<CRecvTimerRequest>& moved, SocketList& released,
                                                 CScopeLock& lock)
 {
     DWORD dwNow = GetTickCount();
@@ -118,7 +151,7 @@ void COverlappedSocketFactory::HandleTimerEntry(TimerMap::iterator& it, DWORD dw
     auto entry = it++;
     released.push_back(spSocket);
     if (CRecvTimerRequest::IsSilent(dwNow, dwLastReceive, spSocket->m_nReceiveTimeout)) {
-        ReportTimeout(entry, dwNow, released, lock);
+        ReportTimeout(entry, dwNow, moved, released, lock);
         return;
     }
     if (spSocket->m_bClosed) {
@@ -126,16 +159,13 @@ void COverlappedSocketFactory::HandleTimerEntry(TimerMap::iterator& it, DWORD dw
         m_mapTimerRequests.erase(entry);
         return;
     }
-    CRecvTimerRequest moved = entry->second;
-    moved.m_dwStartTick = dwNow;
-    moved.m_dwExpireTick = moved.m_dwTimeout + dwLastReceive;
-    m_mapTimerRequests.erase(entry);
-    m_mapTimerRequests.insert(std::make_pair(moved.m_dwExpireTick, moved));
+    MoveTimerEntry(entry, dwNow, entry->second.m_dwTimeout, entry->second.m_dwTimeout + dwLastReceive, moved);
 }
 
 // Reports a silent socket with the factory lock left; while it is left only
 // this thread changes the map, so entry stays valid.
-void COverlappedSocketFactory::ReportTimeout(TimerMap::iterator entry, DWORD dwNow, SocketList& released,
+void COverlappedSocketFactory::ReportTimeout(TimerMap::iterator entry, DWORD dwNow,
+                                             std::vector<CRecvTimerRequest>& moved, SocketList& released,
                                              CScopeLock& lock)
 {
     std::shared_ptr<COverlappedSocket> spSocket = entry->second.m_spSocket;
@@ -145,20 +175,29 @@ void COverlappedSocketFactory::ReportTimeout(TimerMap::iterator entry, DWORD dwN
     if (!spSocket->m_bClosed && spNotify)
         dwNext = CSocketNotifyCall::OnReceiveTimeout(spNotify, spSocket);
     spNotify.reset();   // may end the notify object: not under our lock
+    if (dwNext > kLongestReportedTimeout)
+        dwNext = kLongestReportedTimeout;
     lock.Lock();
     if (!spSocket->m_bClosed && dwNext != 0) {
         spSocket->m_nReceiveTimeout = dwNext;
-        CRecvTimerRequest moved = entry->second;
-        moved.m_dwTimeout = dwNext;
-        moved.m_dwStartTick = dwNow;
-        moved.m_dwExpireTick = dwNow + dwNext;
-        m_mapTimerRequests.erase(entry);
-        m_mapTimerRequests.insert(std::make_pair(moved.m_dwExpireTick, moved));
+        MoveTimerEntry(entry, dwNow, dwNext, dwNow + dwNext, moved);
     } else {
         released.push_back(std::move(entry->second.m_spSocket));
         m_mapTimerRequests.erase(entry);
     }
     released.push_back(std::move(spSocket));
+}
+
+// Caller holds m_csLock.
+void COverlappedSocketFactory::EraseTimerRequest(const COverlappedSocket* pSocket, SocketList& released)
+{
+    for (auto it = m_mapTimerRequests.begin(); it != m_mapTimerRequests.end(); ++it) {
+        if (it->second.m_spSocket.get() == pSocket) {
+            released.push_back(std::move(it->second.m_spSocket));
+            m_mapTimerRequests.erase(it);
+            return;
+        }
+    }
 }
 
 // Takes the lock itself (from Close).
@@ -173,29 +212,16 @@ void COverlappedSocketFactory::DropTimerRequests(const COverlappedSocket* pSocke
             ++it;
         }
     }
-    if (m_bTimerPassRunning)
-        return;   // the walk's position must stay valid; the pass sweeps it
-    for (auto it = m_mapTimerRequests.begin(); it != m_mapTimerRequests.end();) {
-        if (it->second.m_spSocket.get() == pSocket) {
-            released.push_back(std::move(it->second.m_spSocket));
-            it = m_mapTimerRequests.erase(it);
-        } else {
-            ++it;
-        }
+    if (!m_bTimerPassRunning) {
+        EraseTimerRequest(pSocket, released);
+        return;
     }
-}
-
-// Caller holds m_csLock.
-void COverlappedSocketFactory::SweepClosedTimerRequests(SocketList& released)
-{
-    for (auto it = m_mapTimerRequests.begin(); it != m_mapTimerRequests.end();) {
-        if (it->second.m_spSocket->m_bClosed) {
-            released.push_back(std::move(it->second.m_spSocket));
-            it = m_mapTimerRequests.erase(it);
-        } else {
-            ++it;
-        }
-    }
+    // A report has the lock left and the walk's position must stay valid:
+    // the end of the pass removes the entry.
+    CRecvTimerRequest drop;
+    drop.m_dwStartTick = drop.m_dwExpireTick = drop.m_dwTimeout = 0;
+    drop.m_spSocket = const_cast<COverlappedSocket*>(pSocket)->shared_from_this();
+    m_lstPendingTimerRequests.push_back(drop);
 }
 
 // Caller holds m_csLock.

@@ -38,6 +38,8 @@ std::shared_ptr<COverlappedSocket> COverlappedSocketFactory::CreateSocket()
 std::shared_ptr<COverlappedSocket> COverlappedSocketFactory::CreateSocket(
     std::shared_ptr<ISocketNotifyObject> spNotifyObject, unsigned int nPort, const wchar_t* pszAddress)
 {
+    if (RefusedAfterDestory())
+        return std::shared_ptr<COverlappedSocket>();
     std::shared_ptr<COverlappedSocket> spSocket = CreateSocket();
     if (!spNotifyObject || !spSocket)
         return std::shared_ptr<COverlappedSocket>();
@@ -60,9 +62,36 @@ std::shared_ptr<COverlappedSocket> COverlappedSocketFactory::CreateSocket(
     }
     spSocket->m_spNotifyObject = spNotifyObject;
     spSocket->m_dtCreateTime = CurrentLocalOleDate();
-    CScopeLock lock(m_csLock);
-    m_mapOpenSockets[hSocket] = spSocket;
+    if (!RegisterOpenSocket(spSocket)) {
+        // Destory came between the test above and here: its CloseAllSocket
+        // can't have seen this socket, so it is closed here, unheard of.
+        spSocket->m_spNotifyObject.reset();
+        spSocket->Close();
+        WSASetLastError(WSANOTINITIALISED);
+        return std::shared_ptr<COverlappedSocket>();
+    }
     return spSocket;
+}
+
+// Calls after Destory fail: the factory has no threads left to serve a socket.
+bool COverlappedSocketFactory::RefusedAfterDestory()
+{
+    if (!m_bDestroyed)
+        return false;
+    WSASetLastError(WSANOTINITIALISED);
+    return true;
+}
+
+// Enters a socket in m_mapOpenSockets, unless Destory has begun (under the
+// lock, so that its CloseAllSocket sees every socket that got in).
+bool COverlappedSocketFactory::RegisterOpenSocket(const std::shared_ptr<COverlappedSocket>& spSocket)
+{
+    CScopeLock lock(m_csLock);
+    if (m_bDestroyed)
+        return false;
+    if (!spSocket->IsClose())
+        m_mapOpenSockets[spSocket->m_hSocket] = spSocket;
+    return true;
 }
 
 // An accepting socket that never got going: its handle is closed and the
@@ -90,7 +119,7 @@ std::shared_ptr<COverlappedSocket> COverlappedSocketFactory::CreateSocket(
 {
     // A factory that is ending starts no new accepts (a worker replacing one
     // would otherwise race with Destory's last CloseAllSocket).
-    if (!spNotifyObject || !spListenSocket || m_bDestroyed)
+    if (!spNotifyObject || !spListenSocket || RefusedAfterDestory())
         return std::shared_ptr<COverlappedSocket>();
     std::shared_ptr<COverlappedSocket> spSocket = CreateSocket();
     if (!spSocket)
@@ -115,26 +144,44 @@ std::shared_ptr<COverlappedSocket> COverlappedSocketFactory::CreateSocket(
         AbandonAcceptSocket(spSocket);
         return std::shared_ptr<COverlappedSocket>();
     }
-    OperationIssued();
-    DWORD dwReceived = 0;
-    if (!pfnAcceptEx(spListenSocket->m_hSocket, hSocket, spSocket->m_byAddressArea, 0, kAcceptAddressLength,
-                     kAcceptAddressLength, &dwReceived, &spSocket->m_ConnectInfo.m_Overlapped) &&
-        WSAGetLastError() != ERROR_IO_PENDING) {
-        OperationCompleted();
+    if (!IssueAccept(spSocket, spListenSocket->m_hSocket, pfnAcceptEx)) {
         AbandonAcceptSocket(spSocket);
         return std::shared_ptr<COverlappedSocket>();
     }
-    {
-        CScopeLock lock(m_csLock);
-        if (!spSocket->IsClose())
-            m_mapOpenSockets[hSocket] = spSocket;
+    // From here on a worker may already be handling the accept's completion.
+    if (!RegisterOpenSocket(spSocket)) {
+        spSocket->m_spNotifyObject.reset();
+        spSocket->Close();   // Destory's CloseAllSocket has run without it
+        WSASetLastError(WSANOTINITIALISED);
+        return std::shared_ptr<COverlappedSocket>();
     }
     {
         CScopeLock lock(spListenSocket->m_csLock);
-        if (!spSocket->IsClose())
+        // An accept whose completion a worker has taken is a connection, not
+        // an outstanding accept, even if it completed before it got here.
+        if (!spSocket->IsClose() && !spSocket->m_bAcceptTaken)
             spListenSocket->m_setAcceptSockets.insert(spSocket);
     }
     return spSocket;
+}
+
+// AcceptEx under the accept socket's lock, so that a Close can't run between
+// counting the operation and issuing it. 1 if it is under way.
+int COverlappedSocketFactory::IssueAccept(const std::shared_ptr<COverlappedSocket>& spSocket, SOCKET hListenSocket,
+                                          LPFN_ACCEPTEX pfnAcceptEx)
+{
+    CScopeLock lock(spSocket->m_csLock);
+    spSocket->OperationIssued();
+    DWORD dwReceived = 0;
+    if (!pfnAcceptEx(hListenSocket, spSocket->m_hSocket, spSocket->m_byAddressArea, 0, kAcceptAddressLength,
+                     kAcceptAddressLength, &dwReceived, &spSocket->m_ConnectInfo.m_Overlapped) &&
+        WSAGetLastError() != ERROR_IO_PENDING) {
+        int nError = WSAGetLastError();
+        spSocket->OperationNotStarted();
+        WSASetLastError(nError);
+        return 0;
+    }
+    return 1;
 }
 
 std::vector<std::shared_ptr<COverlappedSocket>> COverlappedSocketFactory::CreateSocket(

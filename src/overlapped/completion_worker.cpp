@@ -43,6 +43,37 @@ bool COverlappedSocket::ReleaseIfClosed(COverlappedInfo* pInfo, std::shared_ptr<
     return true;
 }
 
+COverlappedSocket::EDequeued COverlappedSocket::DequeueCompletion(HANDLE hPort, CDequeued& d)
+{
+    d.dwBytes = 0;
+    ULONG_PTR nKey = ~static_cast<ULONG_PTR>(0);
+    LPOVERLAPPED pOverlapped = NULL;
+    WSASetLastError(0);
+    BOOL bOk = GetQueuedCompletionStatus(hPort, &d.dwBytes, &nKey, &pOverlapped, INFINITE);
+    d.nErrorCode = bOk ? 0 : COverlappedSocket::GetLastError();
+    d.nWSAGetLastError = WSAGetLastError();
+    d.pInfo = reinterpret_cast<COverlappedInfo*>(pOverlapped);
+    if (pOverlapped != NULL)
+        return bOk ? DEQUEUED_SUCCESS : DEQUEUED_FAILURE;
+    if (bOk)
+        return DEQUEUED_QUIT;   // the quit packet of Destory
+    if (d.nErrorCode == ERROR_ABANDONED_WAIT_0 || d.nErrorCode == ERROR_INVALID_HANDLE)
+        return DEQUEUED_PORT_GONE;
+    if (nKey == 0 && d.dwBytes == 0)
+        return DEQUEUED_QUIT;
+    return DEQUEUED_NOTHING;
+}
+
+// Takes the record's socket reference for the pass and counts the completion
+// as taken; the reference may be empty (a record already released).
+std::shared_ptr<COverlappedSocket> COverlappedSocket::TakeRecordSocket(COverlappedInfo* pInfo)
+{
+    SocketRef spSocket = pInfo->m_spSocket;
+    if (spSocket)
+        spSocket->CompletionTaken();
+    return spSocket;
+}
+
 DWORD WINAPI COverlappedSocket::WorkThread(void* pParam)
 {
     std::shared_ptr<COverlappedSocketFactory> spFactory = FactoryOfWorker(pParam);
@@ -51,39 +82,32 @@ DWORD WINAPI COverlappedSocket::WorkThread(void* pParam)
     HANDLE hPort = spFactory->m_hCompletionPort;
     CString strTrace;
     for (;;) {
-        DWORD dwBytes = 0;
-        ULONG_PTR nKey = ~static_cast<ULONG_PTR>(0);
-        LPOVERLAPPED pOverlapped = NULL;
-        WSASetLastError(0);
-        BOOL bOk = GetQueuedCompletionStatus(hPort, &dwBytes, &nKey, &pOverlapped, INFINITE);
-        int nErrorCode = bOk ? 0 : COverlappedSocket::GetLastError();
-        int nWSAGetLastError = WSAGetLastError();
-        if (pOverlapped == NULL) {
-            if (bOk)
-                break;   // the quit packet of Destory
-            if (nErrorCode == ERROR_ABANDONED_WAIT_0 || nErrorCode == ERROR_INVALID_HANDLE) {
-                WiTraceInto(strTrace, L"GetQueuedCompletionStatus return ERROR_ABANDONED_WAIT_0 or ERROR_INVALID_HANDLE\n");
-                break;
-            }
-            if (nKey == 0 && dwBytes == 0)
-                break;
-            WiTraceInto(strTrace, L"GetQueuedCompletionStatus return %d\n", nErrorCode);
+        CDequeued d;
+        EDequeued kind = DequeueCompletion(hPort, d);
+        if (kind == DEQUEUED_QUIT)
+            break;
+        if (kind == DEQUEUED_PORT_GONE) {
+            WiTraceInto(strTrace, L"GetQueuedCompletionStatus return ERROR_ABANDONED_WAIT_0 or ERROR_INVALID_HANDLE\n");
+            break;
+        }
+        if (kind == DEQUEUED_NOTHING) {
+            WiTraceInto(strTrace, L"GetQueuedCompletionStatus return %d\n", d.nErrorCode);
             continue;
         }
-        COverlappedInfo* pInfo = reinterpret_cast<COverlappedInfo*>(pOverlapped);
-        SocketRef spSocket = pInfo->m_spSocket;
-        if (bOk) {
+        COverlappedInfo* pInfo = d.pInfo;
+        SocketRef spSocket = TakeRecordSocket(pInfo);
+        if (kind == DEQUEUED_SUCCESS) {
             if (spSocket)
-                spSocket->OnCompletion(pInfo, dwBytes, strTrace);
-            else if (dwBytes == 0 && (pInfo->m_nOperateType == COverlappedInfo::TYPE_RECV ||
-                                      pInfo->m_nOperateType == COverlappedInfo::TYPE_SEND))
+                spSocket->OnCompletion(pInfo, d.dwBytes, strTrace);
+            else if (d.dwBytes == 0 && (pInfo->m_nOperateType == COverlappedInfo::TYPE_RECV ||
+                                        pInfo->m_nOperateType == COverlappedInfo::TYPE_SEND))
                 WiTraceInto(strTrace, L"套接字被对方关闭, pOverlapInfo->m_nOperateType = %d\n", pInfo->m_nOperateType);
         } else if (spSocket) {
-            WSASetLastError(nWSAGetLastError);
-            spSocket->OnFailedCompletion(pInfo, dwBytes, nErrorCode, strTrace);
+            WSASetLastError(d.nWSAGetLastError);
+            spSocket->OnFailedCompletion(pInfo, d.dwBytes, d.nErrorCode, strTrace);
         } else {
-            WiTraceInto(strTrace, L"套接字对象已经无效，nErrorCode = %d\n", nErrorCode);
-            WiTraceInto(strTrace, L"GetQueuedCompletionStatus return %d\n", nErrorCode);
+            WiTraceInto(strTrace, L"套接字对象已经无效，nErrorCode = %d\n", d.nErrorCode);
+            WiTraceInto(strTrace, L"GetQueuedCompletionStatus return %d\n", d.nErrorCode);
         }
         spSocket.reset();   // may run the destructor (OnDelete) here, with no lock held
         spFactory->OperationCompleted();
@@ -132,9 +156,9 @@ void COverlappedSocket::OnClosingCompletion(COverlappedInfo* pInfo, CString& str
     if (!ClaimCloseReport())
         return;
     std::shared_ptr<ISocketNotifyObject> spNotify = m_spNotifyObject;
+    int nError = WSAGetLastError();
     lock.Unlock();
-    EnterClosingMap();
-    CSocketNotifyCall::OnClose(spNotify, WSAGetLastError(), spSelf);
+    CSocketNotifyCall::OnClose(spNotify, nError, spSelf);
     Close();
     WiTraceInto(strTrace, L"套接字被对方关闭, pOverlapInfo->m_nOperateType = %d\n", nType);
 }
@@ -270,6 +294,10 @@ void COverlappedSocket::OnFailedCompletion(COverlappedInfo* pInfo, DWORD dwBytes
         EndAfterFailure(pInfo, nErrorCode);
     } else if (nType == COverlappedInfo::TYPE_SEND) {
         lock.Lock();
+        // Closed inside OnSend: Close has freed the waiting records, and this
+        // one, queued again, would hold the socket for ever.
+        if (ReleaseIfClosed(pInfo, spReleased))
+            return;
         m_listWaitSend.push_front(pInfo);
         m_bSending = 0;
         lock.Unlock();
@@ -299,7 +327,6 @@ void COverlappedSocket::EndAfterFailure(COverlappedInfo* pInfo, int nErrorCode)
     lock.Unlock();
     if (!bReport)
         return;
-    EnterClosingMap();
     CSocketNotifyCall::OnClose(spNotify, nErrorCode, spSelf);
     Close();
 }
@@ -313,11 +340,11 @@ int COverlappedSocket::PrepareRecv()
     DWORD dwReceived = 0, dwFlags = 0;
     // Issued under the lock, so that Close cannot close (and the system reuse)
     // the handle between reading it and WSARecv.
-    m_spFactory->OperationIssued();
+    OperationIssued();
     int nResult = WSARecv(m_hSocket, &m_RecvInfo.m_WSABuf, 1, &dwReceived, &dwFlags, &m_RecvInfo.m_Overlapped, NULL);
     int nError = WSAGetLastError();
     if (nResult != 0 && nError != WSA_IO_PENDING) {
-        m_spFactory->OperationCompleted();
+        OperationNotStarted();
         lock.Unlock();
         WiTrace(L"PrepareRecv failed\n");
         WSASetLastError(nError);
@@ -339,7 +366,12 @@ void COverlappedSocket::ReplaceAccept(const std::shared_ptr<COverlappedSocket>& 
         return;   // the accept socket was closed: no replacement
     {
         CScopeLock lock(spListen->m_csLock);
+        // CreateSocket may not have entered the socket yet; the mark keeps it
+        // from entering it after this completion.
+        spAcceptSocket->m_bAcceptTaken = 1;
         spListen->m_setAcceptSockets.erase(spAcceptSocket);
     }
+    if (spListen->IsClose())
+        return;   // a closed listen socket keeps no pool
     spAcceptSocket->m_spFactory->CreateSocket(spListen->GetNotifyObject(), spListen);
 }

@@ -23,7 +23,8 @@ const DWORD kAcceptAddressLength = 32;
 COverlappedSocket::COverlappedSocket()
     : m_hSocket(INVALID_SOCKET), m_dtCreateTime(0.0), m_dtConnectTime(0.0), m_bClosed(0), m_dwLastReceiveTick(0),
       m_nReceiveTimeout(0xFFFFFFFF), m_nMaxSendPacketSize(COverlappedInfo::DEFAULT_BUFFER_SIZE), m_bSending(0),
-      m_nBacklog(5), m_bNotifySend(1), m_bCloseClaimed(0)
+      m_nBacklog(5), m_bNotifySend(1), m_bCloseClaimed(0),
+      m_nOperationsPending(0), m_hHandleToClose(INVALID_SOCKET), m_bAcceptTaken(0)
 {
     InitializeCriticalSectionAndSpinCount(&m_csLock, 0);
     std::memset(m_byAddressArea, 0, sizeof(m_byAddressArea));
@@ -292,12 +293,64 @@ int COverlappedSocket::ClaimCloseReport()
     return 1;
 }
 
-void COverlappedSocket::EnterClosingMap()
+void COverlappedSocket::OperationIssued()
 {
-    std::shared_ptr<COverlappedSocket> spSelf = shared_from_this();
-    CScopeLock lock(m_spFactory->m_csLock);
-    if (m_hSocket != INVALID_SOCKET)
-        m_spFactory->m_mapClosingSockets[m_hSocket] = spSelf;
+    ++m_nOperationsPending;
+    m_spFactory->OperationIssued();
+}
+
+void COverlappedSocket::OperationNotStarted()
+{
+    --m_nOperationsPending;
+    m_spFactory->OperationCompleted();
+}
+
+void COverlappedSocket::CompletionTaken()
+{
+    CScopeLock lock(m_csLock);
+    if (--m_nOperationsPending > 0 || m_hHandleToClose == INVALID_SOCKET)
+        return;
+    closesocket(m_hHandleToClose);
+    m_hHandleToClose = INVALID_SOCKET;
+}
+
+void COverlappedSocket::CloseHandleWhenIdle(SOCKET hSocket, SOCKET hListenSocket)
+{
+    if (m_nOperationsPending == 0) {
+        closesocket(hSocket);
+        return;
+    }
+    // A handle value must not go back to the system while an operation is
+    // pending on it: a new socket could get the same value and (under Wine)
+    // the pending receive would take that socket's bytes; and a receive
+    // pending at closesocket there may never complete, so its record would
+    // hold this socket for ever. Cancel, and let the last completion close it.
+    CancelIoEx(reinterpret_cast<HANDLE>(hSocket), NULL);
+    // An AcceptEx is an operation of the listen socket's handle.
+    if (hListenSocket != INVALID_SOCKET && m_ConnectInfo.m_spSocket)
+        CancelIoEx(reinterpret_cast<HANDLE>(hListenSocket), &m_ConnectInfo.m_Overlapped);
+    m_hHandleToClose = hSocket;
+}
+
+void COverlappedSocket::LeaveFactoryMaps(SOCKET hSocket)
+{
+    // The entries are dropped after the factory lock is left: one of them may
+    // be the last reference but the caller's.
+    std::vector<std::shared_ptr<COverlappedSocket>> released;
+    COverlappedSocketFactory* pFactory = m_spFactory.get();
+    if (pFactory == NULL)
+        return;
+    CScopeLock factoryLock(pFactory->m_csLock);
+    COverlappedSocketFactory::SocketMap* maps[] = {&pFactory->m_mapConnectedSockets, &pFactory->m_mapListenSockets,
+                                                   &pFactory->m_mapOpenSockets};
+    for (COverlappedSocketFactory::SocketMap* pMap : maps) {
+        auto it = pMap->find(hSocket);
+        if (it != pMap->end()) {
+            released.push_back(std::move(it->second));
+            pMap->erase(it);
+        }
+    }
+    factoryLock.Unlock();
 }
 
 void COverlappedSocket::DestroySendRecords()

@@ -98,8 +98,20 @@ protected:
     // Caller holds m_csLock. The first caller (worker or Close) that finds the
     // socket neither closed nor claimed gets 1 and owns the one OnClose.
     int ClaimCloseReport();
-    // Stores the socket in the factory's m_mapClosingSockets (worker, before OnClose).
-    void EnterClosingMap();
+    // Caller holds m_csLock. Counts an overlapped operation handed to the
+    // system on this socket (and on the factory); OperationNotStarted undoes
+    // it for a call that failed at once.
+    void OperationIssued();
+    void OperationNotStarted();
+    // A worker took the completion of one of this socket's operations: the
+    // last one of a closed socket gives its handle back to the system.
+    void CompletionTaken();
+    // Caller holds m_csLock, from Close. Cancels what is outstanding and
+    // closes the handle, at once if nothing is pending, else when the last
+    // completion has been taken (CompletionTaken).
+    void CloseHandleWhenIdle(SOCKET hSocket, SOCKET hListenSocket);
+    // Erases the socket from the factory's socket maps (from Close).
+    void LeaveFactoryMaps(SOCKET hSocket);
     // The factory a worker routine was started for, or empty if it is gone
     // or has no port (shared by the plain and the TLS worker).
     static std::shared_ptr<COverlappedSocketFactory> FactoryOfWorker(void* pParam);
@@ -134,6 +146,25 @@ protected:
     volatile int m_bNotifySend;
     // Set under m_csLock by whoever reports OnClose (see ClaimCloseReport).
     int m_bCloseClaimed;
+    // Overlapped operations of this socket whose completion no worker has
+    // taken yet, and the handle that Close left for the last of them to close.
+    int m_nOperationsPending;
+    SOCKET m_hHandleToClose;
+    // Set under the listen socket's lock once a worker has taken this
+    // socket's accept completion: it no longer belongs in the accept set.
+    int m_bAcceptTaken;
+
+    // What a worker took from the port: a completion that succeeded or failed,
+    // the quit packet, a port that is gone, or a failed dequeue without record.
+    enum EDequeued { DEQUEUED_SUCCESS, DEQUEUED_FAILURE, DEQUEUED_QUIT, DEQUEUED_PORT_GONE, DEQUEUED_NOTHING };
+    struct CDequeued {
+        DWORD dwBytes;
+        int nErrorCode;
+        int nWSAGetLastError;
+        COverlappedInfo* pInfo;
+    };
+    static EDequeued DequeueCompletion(HANDLE hPort, CDequeued& d);
+    static std::shared_ptr<COverlappedSocket> TakeRecordSocket(COverlappedInfo* pInfo);
 
 private:
     // Completion handling of the plain worker, one function per kind.
@@ -149,6 +180,7 @@ private:
     // into spReleased (dropped by the caller after its lock) and returns true.
     bool ReleaseIfClosed(COverlappedInfo* pInfo, std::shared_ptr<COverlappedSocket>& spReleased);
     int IssueSend(COverlappedInfo* pInfo, int nFlags);
+    int ConnectRefusal();
     COverlappedInfo* TakeSendRecord(int* pbNoMemory);
     void DestroySendRecords();
     int StoredPeerName(sockaddr* pAddress, int* pLength);

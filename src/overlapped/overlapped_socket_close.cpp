@@ -12,16 +12,6 @@ namespace {
 
 typedef std::shared_ptr<COverlappedSocket> SocketRef;
 
-// Erases h from map, handing the reference to the caller (dropped outside the lock).
-void TakeOut(COverlappedSocketFactory::SocketMap& map, SOCKET h, std::vector<SocketRef>& taken)
-{
-    auto it = map.find(h);
-    if (it == map.end())
-        return;
-    taken.push_back(std::move(it->second));
-    map.erase(it);
-}
-
 }  // namespace
 
 void COverlappedSocket::Close()
@@ -37,33 +27,20 @@ void COverlappedSocket::Close()
         hSocket = m_hSocket;
         bWasClosed = m_bClosed;
         m_bClosed = 1;
-        // A worker that claimed the report before us calls OnClose itself.
+        // A worker that claimed the report before us calls OnClose itself;
+        // the claim is the only token between the worker and Close.
         bWorkerReports = m_bCloseClaimed;
     }
-    std::vector<SocketRef> taken;
-    COverlappedSocketFactory* pFactory = m_spFactory.get();
-    if (hSocket == INVALID_SOCKET || bWasClosed) {
-        if (pFactory != NULL) {
-            CScopeLock lock(pFactory->m_csLock);
-            TakeOut(pFactory->m_mapClosingSockets, hSocket, taken);
-        }
+    if (hSocket == INVALID_SOCKET || bWasClosed)
         return;
-    }
-    if (pFactory != NULL) {
-        CScopeLock lock(pFactory->m_csLock);
-        if (pFactory->m_mapClosingSockets.count(hSocket))
-            bWorkerReports = 1;
-        TakeOut(pFactory->m_mapClosingSockets, hSocket, taken);
-        TakeOut(pFactory->m_mapConnectedSockets, hSocket, taken);
-        TakeOut(pFactory->m_mapListenSockets, hSocket, taken);
-        TakeOut(pFactory->m_mapOpenSockets, hSocket, taken);
-    }
+    LeaveFactoryMaps(hSocket);
     if (!bWorkerReports)
         CSocketNotifyCall::OnClose(spNotify, 0, spSelf);
 
     // A timer entry would hold the closed socket (and its OnDelete) until it fell due.
-    if (pFactory != NULL)
-        pFactory->DropTimerRequests(this, taken);
+    std::vector<SocketRef> timerRefs;
+    if (m_spFactory)
+        m_spFactory->DropTimerRequests(this, timerRefs);
 
     // The outstanding accepts are closed while this listen handle is still
     // open: closing it first would abort their AcceptEx, and a worker would
@@ -73,12 +50,13 @@ void COverlappedSocket::Close()
     SocketRef spListen;
     {
         CScopeLock lock(m_csLock);
-        spListen.swap(m_spListenSocket);
-        // Cancels what is outstanding before the handle goes: an overlapped
-        // send issued before the connect completed is otherwise never
-        // completed on some platforms, and its record would hold the socket.
-        CancelIoEx(reinterpret_cast<HANDLE>(hSocket), NULL);
-        closesocket(hSocket);
+        spListen = m_spListenSocket;
+    }
+    SOCKET hListen = spListen ? spListen->GetSocketHandle() : INVALID_SOCKET;
+    {
+        CScopeLock lock(m_csLock);
+        m_spListenSocket.reset();
+        CloseHandleWhenIdle(hSocket, hListen);
         m_hSocket = INVALID_SOCKET;
         DestroySendRecords();
     }
@@ -95,8 +73,14 @@ void COverlappedSocket::CloseAcceptSocket()
         CScopeLock lock(m_csLock);
         accepting = m_setAcceptSockets;
     }
-    for (const SocketRef& spSocket : accepting)
+    for (const SocketRef& spSocket : accepting) {
+        // An accept that has already completed is a connection whose report
+        // is still in the port: it lives on as an ordinary connection (the
+        // worker makes it one), only the outstanding accepts end here.
+        if (HasOverlappedIoCompleted(&spSocket->m_ConnectInfo.m_Overlapped))
+            continue;
         spSocket->Close();
+    }
 }
 
 void COverlappedSocket::CloseAllAcceptedSocket()

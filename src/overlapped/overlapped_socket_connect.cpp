@@ -120,8 +120,18 @@ int COverlappedSocket::Connect(const sockaddr* pAddress, int nLength)
                  sizeof(pfnConnectEx), &dwBytes, NULL, NULL) == SOCKET_ERROR)
         return 0;
     const size_t nHeader = sizeof(COverlappedSocket*) + sizeof(int);
-    if (nLength < 0 || static_cast<size_t>(nLength) > sizeof(m_byAddressArea) - nHeader) {
+    if (pAddress == NULL || nLength < 0 || static_cast<size_t>(nLength) > sizeof(m_byAddressArea) - nHeader) {
         WSASetLastError(WSAEINVAL);
+        return 0;
+    }
+    std::shared_ptr<COverlappedSocket> spReleased;
+    CScopeLock lock(m_csLock);
+    // A second Connect, or one on an accepting socket, would take over the
+    // record that the operation in flight still uses (and release its reference).
+    int nRefusal = ConnectRefusal();
+    if (nRefusal != 0) {
+        lock.Unlock();
+        WSASetLastError(nRefusal);
         return 0;
     }
     // The peer is stored before ConnectEx, so that GetPeerName already has it
@@ -130,18 +140,15 @@ int COverlappedSocket::Connect(const sockaddr* pAddress, int nLength)
     std::memcpy(m_byAddressArea, &pMark, sizeof(pMark));
     std::memcpy(m_byAddressArea + sizeof(pMark), &nLength, sizeof(nLength));
     std::memcpy(m_byAddressArea + nHeader, pAddress, static_cast<size_t>(nLength));
-
-    std::shared_ptr<COverlappedSocket> spReleased;
-    CScopeLock lock(m_csLock);
     ArmRecord(m_ConnectInfo, COverlappedInfo::TYPE_CONNECT);
-    m_spFactory->OperationIssued();
+    OperationIssued();
     BOOL bDone = pfnConnectEx(m_hSocket, pAddress, nLength, NULL, 0, NULL, &m_ConnectInfo.m_Overlapped);
     int nError = WSAGetLastError();
     if (!bDone && nError != ERROR_IO_PENDING) {
         // No completion will come: give back the record's reference now, or
         // the socket would never be destroyed.
         spReleased = ReleaseRecord(&m_ConnectInfo);
-        m_spFactory->OperationCompleted();
+        OperationNotStarted();
         std::memset(m_byAddressArea, 0, nHeader);
     }
     lock.Unlock();
@@ -151,6 +158,18 @@ int COverlappedSocket::Connect(const sockaddr* pAddress, int nLength)
         return 0;
     }
     return 1;
+}
+
+// Caller holds m_csLock. The error that forbids a connect now, or 0.
+int COverlappedSocket::ConnectRefusal()
+{
+    if (m_bClosed || m_hSocket == INVALID_SOCKET)
+        return WSAENOTSOCK;
+    if (m_ConnectInfo.m_spSocket)
+        return WSAEALREADY;   // a connect or an accept is in flight
+    if (m_RecvInfo.m_spSocket || m_spListenSocket)
+        return WSAEISCONN;    // connected, or accepted
+    return 0;
 }
 
 int COverlappedSocket::Connect(const wchar_t* pszHost, unsigned int nPort)

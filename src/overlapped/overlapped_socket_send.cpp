@@ -34,7 +34,7 @@ COverlappedInfo* COverlappedSocket::TakeSendRecord(int* pbNoMemory)
 int COverlappedSocket::IssueSend(COverlappedInfo* pInfo, int nFlags)
 {
     DWORD dwSent = 0;
-    m_spFactory->OperationIssued();
+    OperationIssued();
     if (WSASend(m_hSocket, &pInfo->m_WSABuf, 1, &dwSent, static_cast<DWORD>(nFlags), &pInfo->m_Overlapped, NULL) ==
             0 ||
         WSAGetLastError() == WSA_IO_PENDING) {
@@ -42,7 +42,7 @@ int COverlappedSocket::IssueSend(COverlappedInfo* pInfo, int nFlags)
         return 1;
     }
     int nError = WSAGetLastError();
-    m_spFactory->OperationCompleted();   // no completion will come for it
+    OperationNotStarted();   // no completion will come for it
     m_bSending = 0;
     WSASetLastError(nError);
     return 0;

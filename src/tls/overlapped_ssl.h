@@ -79,8 +79,7 @@ private:
     bool EnterConnectedMap();
     // Close.
     void QueueNetworkWaitClose();
-    bool LeaveFactoryMaps(SOCKET hSocket);
-    void EndConnection(SOCKET hSocket);
+    void EndConnection(SOCKET hSocket, const std::shared_ptr<COverlappedSocket>& spListenSocket);
 };
 
 #endif

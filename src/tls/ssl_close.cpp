@@ -34,54 +34,31 @@ void COverlappedSSL::Close()
         CScopeLock listenLock(spListen->m_csLock);
         spListen->m_setAcceptSockets.erase(spSocket);
     }
-    if (hSocket == INVALID_SOCKET || bWasClosed) {
-        CScopeLock factoryLock(m_spFactory->m_csLock);
-        m_spFactory->m_mapClosingSockets.erase(hSocket);
+    if (hSocket == INVALID_SOCKET || bWasClosed)
         return;
-    }
-    bool bWorkerReports = LeaveFactoryMaps(hSocket);
-    if (!bWorkerReports && bReportClose)
+    LeaveFactoryMaps(hSocket);
+    if (bReportClose)
         CSocketNotifyCall::OnClose(spNotify, 0, spSocket);
     // A receive time-out entry would hold the closed socket until it fell due.
     std::vector<std::shared_ptr<COverlappedSocket>> timerRefs;
     m_spFactory->DropTimerRequests(this, timerRefs);
-    EndConnection(hSocket);
     CloseAcceptSocket();
-}
-
-// True if a worker has taken over the report (the socket stood in m_mapClosingSockets).
-bool COverlappedSSL::LeaveFactoryMaps(SOCKET hSocket)
-{
-    // The entries are dropped after the factory lock is left: one of them may
-    // be the last reference but the caller's.
-    std::vector<std::shared_ptr<COverlappedSocket>> released;
-    CScopeLock factoryLock(m_spFactory->m_csLock);
-    COverlappedSocketFactory* pFactory = m_spFactory.get();
-    bool bWorkerReports = pFactory->m_mapClosingSockets.count(hSocket) != 0;
-    COverlappedSocketFactory::SocketMap* maps[] = {&pFactory->m_mapClosingSockets, &pFactory->m_mapConnectedSockets,
-                                                   &pFactory->m_mapListenSockets, &pFactory->m_mapOpenSockets};
-    for (COverlappedSocketFactory::SocketMap* pMap : maps) {
-        auto it = pMap->find(hSocket);
-        if (it != pMap->end()) {
-            released.push_back(it->second);
-            pMap->erase(it);
-        }
-    }
-    factoryLock.Unlock();
-    return bWorkerReports;
+    EndConnection(hSocket, spListen);
 }
 
 // The TLS connection ends before the socket, and the socket's references to
 // itself end with it.
-void COverlappedSSL::EndConnection(SOCKET hSocket)
+void COverlappedSSL::EndConnection(SOCKET hSocket, const std::shared_ptr<COverlappedSocket>& spListenSocket)
 {
+    // The listen socket's handle, for cancelling an accept still pending on it.
+    SOCKET hListen = spListenSocket ? spListenSocket->GetSocketHandle() : INVALID_SOCKET;
     std::shared_ptr<COverlappedSocket> spRecvRef, spPostRef, spListen;
     CScopeLock lock(m_csLock);
     if (m_hSSL != 0) {
         OPENSSL_shutdown(m_hSSL);
         m_hSSL = 0;
     }
-    closesocket(hSocket);
+    CloseHandleWhenIdle(hSocket, hListen);
     m_hSocket = INVALID_SOCKET;
     spRecvRef.swap(m_RecvInfo.m_spSocket);
     m_RecvInfo.m_hSocket = INVALID_SOCKET;

@@ -31,6 +31,9 @@ DWORD WINAPI COverlappedSSL::WorkThread(void* pParam)
         if (pOverlapped != NULL) {
             COverlappedInfo* pInfo = reinterpret_cast<COverlappedInfo*>(pOverlapped);
             std::shared_ptr<COverlappedSSL> spSocket = std::static_pointer_cast<COverlappedSSL>(pInfo->m_spSocket);
+            // A wake-up of Send is our own post, not an operation of the socket.
+            if (spSocket && pInfo != &spSocket->m_SendPostInfo)
+                spSocket->CompletionTaken();
             if (bOk) {
                 if (spSocket)
                     spSocket->OnPortCompletion(pInfo);
@@ -173,9 +176,8 @@ bool COverlappedSSL::OnPortFailure(COverlappedInfo* pInfo, int nErrorCode, int n
         CSocketNotifyCall::OnConnect(spNotify, nErrorCode, spSocket);
     if (!bEnds)
         return true;
-    // The claim above already keeps Close silent, so the socket doesn't enter
-    // m_mapClosingSockets: an entry made here could outlive a Close that a
-    // handler of OnConnect has already run.
+    // The claim above keeps Close silent: it is the one token between the
+    // worker and Close.
     if (bReportClose)
         CSocketNotifyCall::OnClose(spNotify, nErrorCode, spSocket);
     Close();
