@@ -297,3 +297,52 @@ TEST_F(StackTest, ChurnOfEveryEndingGivesOneOnCloseOneOnDeleteAndTheRightBytes)
     listen->Close();
     listen.reset();
 }
+
+TEST_F(StackTest, DestoryUnderFullEchoTrafficEndsEverySocketOnce)
+{
+    unsigned short port;
+    server->echo = true;
+    SocketPtr listen = Listen(port, 16);
+    const int kPeers = 32;
+    std::vector<SOCKET> peers;
+    for (int i = 0; i < kPeers; ++i)
+        peers.push_back(::Peer(port));
+    ASSERT_TRUE(server->connects.WaitAtLeast(kPeers, "every peer accepted"));
+    // Each peer keeps 4 KiB in flight both ways until the server goes away.
+    std::atomic<bool> stop(false);
+    TestEvent traffic;
+    auto pump = [&](int first) {
+        std::string block = Pattern(4096, 3), back(4096, '\0');
+        while (!stop) {
+            bool any = false;
+            for (int i = first; i < kPeers; i += 2)
+                if (peers[i] != INVALID_SOCKET) {
+                    if (SendAll(peers[i], block.data(), block.size()) && RecvAll(peers[i], &back[0], back.size())) {
+                        any = true;
+                        continue;
+                    }
+                    closesocket(peers[i]);
+                    peers[i] = INVALID_SOCKET;
+                }
+            if (!any)
+                return;
+            traffic.Set();
+        }
+    };
+    std::thread a(pump, 0), b(pump, 1);
+    ASSERT_TRUE(traffic.Wait("echo traffic on every peer"));
+    ASSERT_TRUE(server->receives.WaitAtLeast(64 * 4096, "a quarter MiB echoed"));
+    factory->Destory();
+    EXPECT_TRUE(server->deletes.WaitAtLeast(kPeers + 1, "OnDelete of the listener and every connection"));
+    stop = true;
+    a.join();
+    b.join();
+    for (SOCKET s : peers)
+        if (s != INVALID_SOCKET)
+            closesocket(s);
+    for (const Log& log : server->Logs())
+        EXPECT_EQ(1, std::count(log.begin(), log.end(), std::string("OnClose(0)")) +
+                         std::count(log.begin(), log.end(), std::string("OnClose(error)")))
+            << "one OnClose per socket";
+    listen.reset();
+}
