@@ -157,18 +157,6 @@ TEST_F(StackTest, CloseInsideOnConnectEndsTheSocketOnce)
     closesocket(peer);
 }
 
-TEST_F(StackTest, CloseInsideOnReceiveEndsTheSocketOnce)
-{
-    unsigned short port;
-    SocketPtr listen = Listen(port, 1);
-    server->onReceive = [](const void*, int, SocketPtr s) { s->Close(); };
-    SOCKET peer = Peer(port);
-    ASSERT_TRUE(SendAll(peer, "hello", 5));
-    EXPECT_TRUE(server->closes.WaitAtLeast(1, "OnClose"));
-    EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnReceive", "OnClose(0)", "OnDelete"}));
-    closesocket(peer);
-}
-
 TEST_F(StackTest, CloseInsideOnCloseOfAPeerCloseReportsOnce)
 {
     unsigned short port;
