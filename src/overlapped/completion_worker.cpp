@@ -56,7 +56,7 @@ COverlappedSocket::EDequeued COverlappedSocket::DequeueCompletion(HANDLE hPort, 
     if (pOverlapped != NULL)
         return bOk ? DEQUEUED_SUCCESS : DEQUEUED_FAILURE;
     if (bOk)
-        return DEQUEUED_QUIT;   // the quit packet of Destory
+        return nKey == 0 && d.dwBytes == 0 ? DEQUEUED_QUIT : DEQUEUED_STRAY;
     if (d.nErrorCode == ERROR_ABANDONED_WAIT_0 || d.nErrorCode == ERROR_INVALID_HANDLE)
         return DEQUEUED_PORT_GONE;
     if (nKey == 0 && d.dwBytes == 0)
@@ -84,8 +84,8 @@ DWORD WINAPI COverlappedSocket::WorkThread(void* pParam)
     for (;;) {
         CDequeued d;
         EDequeued kind = DequeueCompletion(hPort, d);
-        if (kind == DEQUEUED_QUIT)
-            break;
+        if (kind == DEQUEUED_QUIT || kind == DEQUEUED_STRAY)
+            break;   // the quit packet of Destory (the plain worker leaves on any packet without record)
         if (kind == DEQUEUED_PORT_GONE) {
             WiTraceInto(strTrace, L"GetQueuedCompletionStatus return ERROR_ABANDONED_WAIT_0 or ERROR_INVALID_HANDLE\n");
             break;

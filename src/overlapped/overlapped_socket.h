@@ -155,8 +155,17 @@ protected:
     int m_bAcceptTaken;
 
     // What a worker took from the port: a completion that succeeded or failed,
-    // the quit packet, a port that is gone, or a failed dequeue without record.
-    enum EDequeued { DEQUEUED_SUCCESS, DEQUEUED_FAILURE, DEQUEUED_QUIT, DEQUEUED_PORT_GONE, DEQUEUED_NOTHING };
+    // the quit packet (0 bytes, key 0, no record), another packet without
+    // record, a port that is gone, or a failed dequeue without record.
+    // The plain and the TLS worker share this one classification.
+    enum EDequeued {
+        DEQUEUED_SUCCESS,
+        DEQUEUED_FAILURE,
+        DEQUEUED_QUIT,
+        DEQUEUED_STRAY,
+        DEQUEUED_PORT_GONE,
+        DEQUEUED_NOTHING
+    };
     struct CDequeued {
         DWORD dwBytes;
         int nErrorCode;

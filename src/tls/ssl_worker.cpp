@@ -24,47 +24,39 @@ DWORD WINAPI COverlappedSSL::WorkThread(void* pParam)
     HANDLE hPort = spFactory->m_hCompletionPort;
     CString strTrace;
     for (;;) {
-        DWORD dwBytes = 0;
-        ULONG_PTR nKey = ~static_cast<ULONG_PTR>(0);
-        LPOVERLAPPED pOverlapped = NULL;
-        BOOL bOk = GetQueuedCompletionStatus(hPort, &dwBytes, &nKey, &pOverlapped, INFINITE);
-        if (pOverlapped != NULL) {
-            COverlappedInfo* pInfo = reinterpret_cast<COverlappedInfo*>(pOverlapped);
-            std::shared_ptr<COverlappedSSL> spSocket = std::static_pointer_cast<COverlappedSSL>(pInfo->m_spSocket);
-            // A wake-up of Send is our own post, not an operation of the socket.
-            if (spSocket && pInfo != &spSocket->m_SendPostInfo)
-                spSocket->CompletionTaken();
-            if (bOk) {
-                if (spSocket)
-                    spSocket->OnPortCompletion(pInfo);
-            } else {
-                int nErrorCode = COverlappedSocket::GetLastError();
-                int nWSAGetLastError = WSAGetLastError();
-                bool bReport = true;
-                if (spSocket)
-                    bReport = spSocket->OnPortFailure(pInfo, nErrorCode, nWSAGetLastError, strTrace);
-                else
-                    WiTraceInto(strTrace, L"套接字对象已经无效，nErrorCode = %d\n", nErrorCode);
-                if (bReport)
-                    WiTraceInto(strTrace, L"GetQueuedCompletionStatus return %d\n", nErrorCode);
-            }
-            spSocket.reset();
-            spFactory->OperationCompleted();
-            continue;
-        }
-        if (bOk) {
-            if (nKey == 0 && dwBytes == 0)
-                break;   // the end post of Destory
-            continue;
-        }
-        DWORD dwError = ::GetLastError();
-        if (dwError == ERROR_ABANDONED_WAIT_0 || dwError == ERROR_INVALID_HANDLE) {
+        CDequeued d;
+        EDequeued kind = DequeueCompletion(hPort, d);
+        if (kind == DEQUEUED_QUIT)
+            break;
+        if (kind == DEQUEUED_STRAY)
+            continue;   // nothing posts such a packet; it ends no TLS worker
+        if (kind == DEQUEUED_PORT_GONE) {
             WiTraceInto(strTrace, L"GetQueuedCompletionStatus return ERROR_ABANDONED_WAIT_0 or ERROR_INVALID_HANDLE\n");
             break;
         }
-        if (nKey == 0 && dwBytes == 0)
-            break;
-        WiTraceInto(strTrace, L"GetQueuedCompletionStatus return %d\n", static_cast<int>(dwError));
+        if (kind == DEQUEUED_NOTHING) {
+            WiTraceInto(strTrace, L"GetQueuedCompletionStatus return %d\n", d.nErrorCode);
+            continue;
+        }
+        COverlappedInfo* pInfo = d.pInfo;
+        std::shared_ptr<COverlappedSSL> spSocket = std::static_pointer_cast<COverlappedSSL>(pInfo->m_spSocket);
+        // A wake-up of Send is our own post, not an operation of the socket.
+        if (spSocket && pInfo != &spSocket->m_SendPostInfo)
+            spSocket->CompletionTaken();
+        if (kind == DEQUEUED_SUCCESS) {
+            if (spSocket)
+                spSocket->OnPortCompletion(pInfo);
+        } else {
+            bool bReport = true;
+            if (spSocket)
+                bReport = spSocket->OnPortFailure(pInfo, d.nErrorCode, d.nWSAGetLastError, strTrace);
+            else
+                WiTraceInto(strTrace, L"套接字对象已经无效，nErrorCode = %d\n", d.nErrorCode);
+            if (bReport)
+                WiTraceInto(strTrace, L"GetQueuedCompletionStatus return %d\n", d.nErrorCode);
+        }
+        spSocket.reset();
+        spFactory->OperationCompleted();
     }
     DWORD dwThreadId = GetCurrentThreadId();
     WiTraceInto(strTrace, L"Exit OverlappedSSL Thread, ThreadId = %d, 0x%x\n", dwThreadId, dwThreadId);

@@ -91,6 +91,7 @@ protected:
         return listen;
     }
 
+public:
     // A plain blocking peer whose receives give up after 10 s instead of hanging.
     static SOCKET Peer(unsigned short port)
     {
@@ -101,6 +102,7 @@ protected:
         return s;
     }
 
+protected:
     SocketPtr ConnectTo(unsigned short port, std::shared_ptr<RecordingNotify> notify = nullptr)
     {
         if (!notify)

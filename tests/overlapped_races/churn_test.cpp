@@ -205,20 +205,11 @@ void Reset(SOCKET s)
     closesocket(s);
 }
 
-SOCKET Peer(unsigned short port)
-{
-    SOCKET s = ConnectLoopback(port);
-    DWORD timeout = 10000;
-    if (s != INVALID_SOCKET)
-        setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout), sizeof(timeout));
-    return s;
-}
-
 // One client connection, ended as its message says. False if the client saw
 // something no ending allows (no echo where one is due, wrong bytes).
 bool RunClient(unsigned short port, int index, Ending ending)
 {
-    SOCKET s = ::Peer(port);
+    SOCKET s = StackTest::Peer(port);
     if (s == INVALID_SOCKET)
         return false;
     std::string message = Message(index, ending);
@@ -270,7 +261,7 @@ TEST_F(StackTest, ChurnOfEveryEndingGivesOneOnCloseOneOnDeleteAndTheRightBytes)
     // Idle peers: the server's receive time-out closes them.
     std::vector<SOCKET> idle;
     for (int i = 0; i < 8; ++i)
-        idle.push_back(::Peer(port));
+        idle.push_back(StackTest::Peer(port));
 
     std::atomic<int> clientFailures(0);
     auto run = [&](int first) {
@@ -306,7 +297,7 @@ TEST_F(StackTest, DestoryUnderFullEchoTrafficEndsEverySocketOnce)
     const int kPeers = 32;
     std::vector<SOCKET> peers;
     for (int i = 0; i < kPeers; ++i)
-        peers.push_back(::Peer(port));
+        peers.push_back(StackTest::Peer(port));
     ASSERT_TRUE(server->connects.WaitAtLeast(kPeers, "every peer accepted"));
     // Each peer keeps 4 KiB in flight both ways until the server goes away.
     std::atomic<bool> stop(false);

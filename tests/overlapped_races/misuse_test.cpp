@@ -49,7 +49,6 @@ TEST_F(StackTest, ConnectWhileAConnectOrAnAcceptIsInFlightIsRefusedAndLeavesItAl
 
     SocketPtr connecting = one.factory->CreateSocket(client, 0, L"127.0.0.1");
     ASSERT_EQ(1, connecting->Connect(L"127.0.0.1", rawPort));
-    unsigned short port = 0;
     SocketPtr listen = one.factory->CreateSocket(server, 0, L"127.0.0.1");
     ASSERT_EQ(1, listen->Listen(1));
     auto accepts = one.factory->CreateSocket(server, listen, 1);
@@ -68,7 +67,6 @@ TEST_F(StackTest, ConnectWhileAConnectOrAnAcceptIsInFlightIsRefusedAndLeavesItAl
     EXPECT_EQ((Log{"OnConnect(0)"}), client->Log(connecting.get()));
     EXPECT_EQ(0, connecting->Connect(L"127.0.0.1", rawPort)) << "Connect on a connected socket";
     EXPECT_EQ(WSAEISCONN, COverlappedSocket::GetLastError());
-    (void)port;
     one.factory->Destory();
     closesocket(raw);
 }
