@@ -91,7 +91,7 @@ CWiSockAddr& CWiSockAddr::operator=(const sockaddr& addr)
     if (static_cast<const void*>(&addr) == static_cast<const void*>(&Record()))
         return *this;
     SafeDeleteString();
-    memcpy(&Record(), &addr, sizeof(sockaddr_in));
+    memmove(&Record(), &addr, sizeof(sockaddr_in));   // the source may overlap the record
     return *this;
 }
 
@@ -115,19 +115,23 @@ CWiSockAddr& CWiSockAddr::operator=(const char* pszAddress)
 {
     if (static_cast<const void*>(pszAddress) == static_cast<const void*>(m_pString))
         return *this;
+    // Widened before the cache goes: the text may lie inside it.
+    std::wstring strText = pszAddress ? WidenThreadCodePage(pszAddress) : std::wstring();
     SafeDeleteString();
     if (pszAddress)
-        Parse(WidenThreadCodePage(pszAddress).c_str());
+        Parse(strText.c_str());
     return *this;
 }
 
 CWiSockAddr& CWiSockAddr::operator=(const wchar_t* pszAddress)
 {
-    // Assigning the object's own text would parse what the cache drop frees.
+    // Assigning the object's own text would parse what the cache drop frees;
+    // a text that points elsewhere into the cache is copied before it goes.
     if (pszAddress == m_pString)
         return *this;
+    std::wstring strText = pszAddress ? std::wstring(pszAddress) : std::wstring();
     SafeDeleteString();
-    Parse(pszAddress);
+    Parse(pszAddress ? strText.c_str() : nullptr);
     return *this;
 }
 

@@ -69,8 +69,12 @@ protected:
     char* m_pNextReadBuffer;
     int m_nNextBytesToRead;
     int m_nNextReadBufferSize;
+    // Deliveries under way (under m_csComm): while one runs, m_pReadBuffer
+    // is neither replaced nor freed.
+    int m_nDeliveries;
 
 private:
+    void FreeReadBuffers();
     bool IsTls() const { return m_nSSLMode == 0 || m_nSSLMode == 1; }
     bool SetConnectedOption();
     bool HandshakeAsClient();

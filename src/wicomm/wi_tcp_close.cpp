@@ -81,21 +81,23 @@ void CWiTcp::BeforeDelete()
     m_bDeleting.exchange(1);
     {
         CScopeLock lock(m_csComm);
-        if (m_pReadBuffer != nullptr) {
-            char* pBuffer = m_pReadBuffer;
-            m_nBytesToRead = m_nReadBufferSize = m_nBytesRead = 0;
-            m_pReadBuffer = nullptr;
-            delete[] pBuffer;
-        }
-        if (m_pNextReadBuffer != nullptr) {
-            char* pBuffer = m_pNextReadBuffer;
-            m_nNextBytesToRead = m_nNextReadBufferSize = 0;
-            m_pNextReadBuffer = nullptr;
-            delete[] pBuffer;
-        }
+        FreeReadBuffers();
         ClearSendBuffer();
     }
     CWiSocket::BeforeDelete();
+}
+
+// Caller holds m_csComm. Closed inside OnReadComplete, the application still
+// reads the buffer it was handed: then the destructor frees both buffers.
+void CWiTcp::FreeReadBuffers()
+{
+    if (m_nDeliveries > 0)
+        return;
+    delete[] m_pReadBuffer;
+    delete[] m_pNextReadBuffer;
+    m_pReadBuffer = m_pNextReadBuffer = nullptr;
+    m_nBytesToRead = m_nReadBufferSize = m_nBytesRead = 0;
+    m_nNextBytesToRead = m_nNextReadBufferSize = 0;
 }
 
 void CWiTcp::OnWiAccept(int nErrorCode)
@@ -158,11 +160,7 @@ void CWiTcp::ReleaseAtCleanup()
         m_hWnd = NULL;
         m_nTimerID = 0;
     }
-    delete[] m_pReadBuffer;
-    delete[] m_pNextReadBuffer;
-    m_pReadBuffer = m_pNextReadBuffer = nullptr;
-    m_nBytesToRead = m_nReadBufferSize = m_nBytesRead = 0;
-    m_nNextBytesToRead = m_nNextReadBufferSize = 0;
+    FreeReadBuffers();
     m_nType = TYPE_UNKNOWN;
     m_bConnected = 0;
     for (SendBlock& block : m_listSendBuffer)

@@ -62,7 +62,7 @@ CString ConnectionText(unsigned int nLocalPort, in_addr address, unsigned int nP
 CWiTcp::CWiTcp(int nSSLMode)
     : m_bConnected(0), m_nType(TYPE_UNKNOWN), m_bBytesTimeoutValid(0), m_pReadBuffer(nullptr), m_nBytesToRead(0),
       m_nReadBufferSize(0), m_nBytesRead(0), m_hSSL(0), m_nReadDepth(0), m_pNextReadBuffer(nullptr),
-      m_nNextBytesToRead(0), m_nNextReadBufferSize(0)
+      m_nNextBytesToRead(0), m_nNextReadBufferSize(0), m_nDeliveries(0)
 {
     m_nClassID = CLASSID_WITCP;
     m_nSSLMode = nSSLMode;
@@ -106,6 +106,13 @@ int CWiTcp::OpenTcpConnect(const char* pszOption)
         Close();
         return 0;
     }
+    // A connection in server mode would read TLS with no handshake behind it
+    // (no handle), and its window thread would spin on the data it can't take.
+    if (m_nSSLMode == 1) {
+        WiTrace(L"OpenSSL_connect failed\n");
+        Close();
+        return 0;
+    }
     m_hSocket = socket(AF_INET, SOCK_STREAM, 0);
     if (m_hSocket == INVALID_SOCKET)
         return 0;
@@ -143,6 +150,12 @@ int CWiTcp::OpenTcpListen(const char* pszOption)
 {
     unsigned int nPort = pszOption ? (unsigned int)atoi(pszOption) : 0;
     if (nPort == 0) {
+        Close();
+        return 0;
+    }
+    // A listener in client mode would make client handshakes on the accepted side.
+    if (m_nSSLMode == 0) {
+        WiTrace(L"OPENSSL_accept return null\n");
         Close();
         return 0;
     }
@@ -278,7 +291,9 @@ void CWiTcp::PrepareReadBuffer(int nWant)
     char* pBuffer = new char[nWant + kReadSlack];
     if (m_nBytesRead > 0 && m_pReadBuffer != nullptr)
         memcpy(pBuffer, m_pReadBuffer, std::min(m_nBytesRead, nWant + kReadSlack));
-    if (m_bInReadNotify) {
+    // A delivery from the time it left the lock until OnReadComplete returned
+    // holds m_pReadBuffer: the new buffer waits for it.
+    if (m_bInReadNotify || m_nDeliveries > 0) {
         delete[] m_pNextReadBuffer;
         m_pNextReadBuffer = pBuffer;
         m_nNextBytesToRead = nWant;

@@ -70,9 +70,18 @@ void CWiTcp::OnWiRead(int nErrorCode)
 // Steps 1 to 6 of a delivery; false when the object died in the notification.
 bool CWiTcp::Deliver(CScopeLock& lock, int nCount)
 {
+    // Counted under the lock before it is left: SetTimeouts on another thread
+    // or a Close inside OnReadComplete must not free the buffer that the
+    // application is being handed (see PrepareReadBuffer, BeforeDelete).
+    ++m_nDeliveries;
     const char* pData = m_pReadBuffer;
+    std::shared_ptr<CWiComm> spSelf = shared_from_this();
     lock.Unlock();
-    if (!CallReadCompleteNotify(pData, nCount, shared_from_this()))
+    int bValid = CallReadCompleteNotify(pData, nCount, spSelf);
+    lock.Lock();
+    --m_nDeliveries;
+    lock.Unlock();
+    if (!bValid)
         return false;
     BufferProcessAfterReadCallback();
     lock.Lock();
@@ -118,7 +127,7 @@ void CWiTcp::BufferProcessAfterReadCallback()
     if (m_bInReadNotify)
         return;
     CScopeLock lock(m_csComm);
-    if (m_pNextReadBuffer == nullptr)
+    if (m_pNextReadBuffer == nullptr || m_nDeliveries > 0)
         return;
     delete[] m_pReadBuffer;
     m_pReadBuffer = m_pNextReadBuffer;

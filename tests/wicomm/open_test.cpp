@@ -23,6 +23,25 @@ TEST_F(OpenTest, OptionStringsThatFailMakeNoObject)
     EXPECT_EQ(0, SinkWindowsOf(m_window->ThreadId())) << "failed objects keep no window";
 }
 
+TEST_F(OpenTest, ModeTheObjectIsNotBuiltForFailsTheOpen)
+{
+    Recorder& rec = Rec();
+    unsigned short port = 0;
+    SOCKET raw = ListenLoopback(port);
+    struct {
+        std::string option;
+        int mode;
+        const wchar_t* text;
+    } cases[] = {{"C:0,127.0.0.1," + std::to_string(port), 1, L"OpenSSL_connect failed\n"},
+                 {"S:" + std::to_string(FreeLoopbackPort()), 0, L"OPENSSL_accept return null\n"}};
+    for (auto& c : cases) {
+        EXPECT_FALSE(Make(c.option, &rec, c.mode)) << c.option << " in mode " << c.mode;
+        EXPECT_TRUE(m_debug.Contains(c.text)) << c.option;
+    }
+    EXPECT_TRUE(rec.Events().empty()) << "a failed open notifies nothing";
+    closesocket(raw);
+}
+
 TEST_F(OpenTest, ListenFormsAndTheirText)
 {
     Recorder& rec = Rec();

@@ -103,11 +103,24 @@ TEST_F(TransferTest, CloseInsideOnReadCompleteEndsTheRead)
     Recorder& srv = Rec();
     Recorder& cli = Rec();
     Pair(srv, cli);
-    srv.onRead = [&](const void*, int, CommPtr sp) { sp->Close(); };
+    std::string seen;
+    srv.onRead = [&](const void* pData, int nLength, CommPtr sp) {
+        sp->Close();
+        // Blocks of the read buffer's size take its place if Close freed it.
+        std::vector<char*> churn;
+        for (int i = 0; i < 64; ++i) {
+            churn.push_back(new char[1124]);
+            memset(churn.back(), 0xEE, 1124);
+        }
+        seen.assign(static_cast<const char*>(pData), static_cast<size_t>(nLength));
+        for (char* p : churn)
+            delete[] p;
+    };
     ASSERT_EQ(1, client->Write("bye", 3));
     ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("close", accepted.get()) == 1; }, "OnClose from the read"));
     EXPECT_EQ(std::vector<std::string>({"open", "read:3", "close"}), srv.Kinds(accepted.get()));
-    OnWindow([] {});
+    OnWindow([] {});   // the read handler has returned
+    EXPECT_EQ("bye", seen) << "the buffer handed to OnReadComplete stays whole after a Close inside it";
     EXPECT_EQ(0, CWiComm::IsValidObject(accepted.get()));
 }
 
