@@ -93,16 +93,13 @@ void CWiSocket::CloseProcess() {}
 
 int CWiSocket::AsyncSelect()
 {
-    SOCKET hSocket;
-    HWND hWnd;
-    bool bQueued;
-    {
-        CScopeLock lock(m_csComm);
-        bQueued = !m_listSendBuffer.empty();
-        hSocket = m_hSocket;
-        hWnd = m_hWnd;
-    }
-    return WSAAsyncSelect(hSocket, hWnd, WM_WISOCKET_NOTIFY, bQueued ? kMaskQueued : kMaskIdle);
+    // Made under the lock that guards the queue: a call from Write on another
+    // thread and one from the window thread can't cross, so the last mask set
+    // always matches the queue, and a queued block always gets its FD_WRITE.
+    // (WSAAsyncSelect only posts messages; it never waits for the window.)
+    CScopeLock lock(m_csComm);
+    bool bQueued = !m_listSendBuffer.empty();
+    return WSAAsyncSelect(m_hSocket, m_hWnd, WM_WISOCKET_NOTIFY, bQueued ? kMaskQueued : kMaskIdle);
 }
 
 void CWiSocket::SetToNonBlocking(int bNonBlocking)
@@ -200,9 +197,6 @@ LRESULT CALLBACK CWiSocket::WndProc(HWND hWnd, UINT nMessage, WPARAM wParam, LPA
             if ((SOCKET)wParam == spSocket->m_hSocket && lParam == 32)
                 spSocket->CloseProcess();
             return 0;
-        case WM_WISOCKET_TIMER:
-            spSocket->ApplyTimerRequest((DWORD)wParam, lParam != 0);
-            return 0;
         default:
             return DefWindowProcW(hWnd, nMessage, wParam, lParam);
         }
@@ -287,19 +281,11 @@ bool CWiSocket::OnWindowThread() const
     return nThread == GetCurrentThreadId() && nProcess == GetCurrentProcessId();
 }
 
+// On Windows SetTimer refuses a window of another thread: a SetTimeouts from
+// such a thread stores the time-outs, and the window thread starts the timer
+// with them at the next delivery. A request is never deferred, so a connect
+// time-out can't arrive after the connect and act as a read time-out.
 void CWiSocket::StartTimer(DWORD dwPeriod, bool bRestart)
-{
-    if (m_hWnd == NULL)
-        return;
-    // SetTimer and KillTimer work only on the window's own thread.
-    if (!OnWindowThread()) {
-        PostMessageW(m_hWnd, WM_WISOCKET_TIMER, (WPARAM)dwPeriod, bRestart ? 1 : 0);
-        return;
-    }
-    ApplyTimerRequest(dwPeriod, bRestart);
-}
-
-void CWiSocket::ApplyTimerRequest(DWORD dwPeriod, bool bRestart)
 {
     CScopeLock lock(m_csComm);
     if (m_hWnd == NULL || dwPeriod == 0)

@@ -11,9 +11,6 @@
 const UINT WM_WISOCKET_NOTIFY = 883;
 // Close request of CWiTcp::Close: socket in wParam, 32 in lParam.
 const UINT WM_WISOCKET_CLOSE = 1036;
-// Timer request from a thread that doesn't own the window: period in wParam,
-// lParam 1 to restart a running timer, 0 to start one only if none runs.
-const UINT WM_WISOCKET_TIMER = 1037;
 
 class WISOCK_API CWiSocket : public CWiComm {
     DECLARE_DYNAMIC(CWiSocket)
@@ -54,8 +51,8 @@ protected:
     void OnTimer(UINT_PTR nIDEvent);
     void SetToNonBlocking(int bNonBlocking);
 
-    // The window's one timer (id = the window handle). The timer belongs to
-    // the window's thread: from any other thread the request is posted there.
+    // The window's one timer (id = the window handle), set and killed on the
+    // calling thread. bRestart: a running timer starts its period again.
     void StartTimer(DWORD dwPeriod, bool bRestart);
     void StopTimer();
     bool OnWindowThread() const;
@@ -69,7 +66,6 @@ protected:
 
 private:
     void OnReadEvent(int nError);
-    void ApplyTimerRequest(DWORD dwPeriod, bool bRestart);
     static std::shared_ptr<CWiSocket> ObjectOfWindow(HWND hWnd);
 };
 

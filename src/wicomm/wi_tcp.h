@@ -75,6 +75,8 @@ protected:
 
 private:
     void FreeReadBuffers();
+    bool PeerHasClosed();
+    void PostPeerClose();
     bool IsTls() const { return m_nSSLMode == 0 || m_nSSLMode == 1; }
     bool SetConnectedOption();
     bool HandshakeAsClient();
@@ -94,7 +96,7 @@ private:
     void QueueBlocks(const char* pData, int nLength);
     bool SendQueue(SendBlock block);
     bool TakeFirstBlock(SendBlock& block);
-    int ReportBlockSent(SendBlock& block, int nSent);
+    int ReportBlockSent(int nSent);
     void RequeueRest(SendBlock& block, int nSent);
     void SubtractSent(int nSent);
 

@@ -150,6 +150,11 @@ void CWiTcp::ReadPlain(CScopeLock& lock, int nAvailable)
     int nLast = recv(m_hSocket, m_pReadBuffer + m_nBytesRead, nWant, 0);
     int nError = WSAGetLastError();
     SetToNonBlocking(1);
+    // The selection was off around recv: an FD_CLOSE of that gap is lost
+    // (under Wine). Having taken all there was, look at the socket again.
+    if (nLast == 0 || (nLast == nAvailable && PeerHasClosed()))
+        PostPeerClose();
+    WSASetLastError(nError);
     if (nLast == 0) {
         AsyncSelect();   // the peer has closed: FD_CLOSE reports it
         return;
@@ -165,6 +170,21 @@ void CWiTcp::ReadPlain(CScopeLock& lock, int nAvailable)
     }
     if (Deliver(lock, m_nBytesRead))
         AsyncSelect();
+}
+
+// Caller holds m_csComm, with the socket non-blocking: the peer's FIN is all
+// that is left to read.
+bool CWiTcp::PeerHasClosed()
+{
+    char byte;
+    return recv(m_hSocket, &byte, 1, MSG_PEEK) == 0;
+}
+
+// Reports the peer's close through the window's own socket event, as the
+// platform would have.
+void CWiTcp::PostPeerClose()
+{
+    PostMessageW(m_hWnd, WM_WISOCKET_NOTIFY, (WPARAM)m_hSocket, WSAMAKESELECTREPLY(FD_CLOSE, 0));
 }
 
 // One TLS read: size the buffer to what is there, fill it, deliver, and read

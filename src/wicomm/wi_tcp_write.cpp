@@ -114,22 +114,24 @@ bool CWiTcp::SendQueue(SendBlock block)
             m_listSendBuffer.push_front(block);
             return true;
         }
-        if (!ReportBlockSent(block, std::min(nSent, block.nLength))) {
-            delete[] block.pData;
-            return false;
-        }
-        if (nSent < block.nLength) {
-            RequeueRest(block, nSent);
-            // A partial send must not end the run: FD_WRITE comes again only
-            // after a send has failed with WSAEWOULDBLOCK, so the rest is
-            // offered at once until the socket refuses. Nothing taken and
-            // nothing refused means no progress: the rest waits at the front.
-            if (nSent == 0)
-                return true;
+        int nTaken = std::min(nSent, block.nLength);
+        // The queue is right before the application hears of the send: a
+        // message loop inside OnWriteComplete may run another OnWiWrite, which
+        // must find the unsent rest first.
+        if (nTaken < block.nLength) {
+            RequeueRest(block, nTaken);
         } else {
             delete[] block.pData;
             SubtractSent(block.nLength);
         }
+        if (!ReportBlockSent(nTaken))
+            return false;
+        // A partial send must not end the run: FD_WRITE comes again only
+        // after a send has failed with WSAEWOULDBLOCK, so the rest is offered
+        // at once until the socket refuses. Nothing taken and nothing refused
+        // means no progress: the rest waits at the front.
+        if (nTaken == 0)
+            return true;
         if (!TakeFirstBlock(block))
             return true;
     }
@@ -148,18 +150,12 @@ bool CWiTcp::TakeFirstBlock(SendBlock& block)
     return true;
 }
 
-// OnWriteComplete; an exception out of it passes on, but the block is not lost.
-int CWiTcp::ReportBlockSent(SendBlock& block, int nSent)
+// OnWriteComplete; an exception out of it passes on, with the selection armed.
+int CWiTcp::ReportBlockSent(int nSent)
 {
     try {
         return CallWriteCompleteNotify(nSent, shared_from_this());
     } catch (...) {
-        if (nSent < block.nLength) {
-            RequeueRest(block, nSent);
-        } else {
-            delete[] block.pData;
-            SubtractSent(nSent);
-        }
         AsyncSelect();
         throw;
     }
