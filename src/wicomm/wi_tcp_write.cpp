@@ -99,20 +99,30 @@ void CWiTcp::OnWiWrite(int)
 }
 
 // Offers blocks until the queue is empty or the socket refuses. False when
-// the object died in OnWriteComplete: nothing more is offered.
+// the object died in OnWriteComplete, or its connection was released by a
+// Cleanup on another thread: nothing more is offered.
 bool CWiTcp::SendQueue(SendBlock block)
 {
     const bool bTls = IsTls();
-    const HSSL hSSL = m_hSSL;
-    const SOCKET hSocket = m_hSocket;
     for (;;) {
-        int nSent = bTls ? OPENSSL_write(hSSL, block.pData, block.nLength)
-                         : send(hSocket, block.pData, block.nLength, 0);
-        if (nSent < 0) {
-            // Refused (would-block or failure): the same bytes are offered again.
+        int nSent;
+        {
+            // Each offer runs under the lock with the handles as they are now:
+            // a Cleanup on another thread may have ended the connection since
+            // the block was taken, and must not shut the TLS handle down
+            // under a write.
             CScopeLock lock(m_csComm);
-            m_listSendBuffer.push_front(block);
-            return true;
+            if (bTls ? m_hSSL == 0 : m_hSocket == INVALID_SOCKET) {
+                delete[] block.pData;
+                return false;
+            }
+            nSent = bTls ? OPENSSL_write(m_hSSL, block.pData, block.nLength)
+                         : send(m_hSocket, block.pData, block.nLength, 0);
+            if (nSent < 0) {
+                // Refused (would-block or failure): the same bytes are offered again.
+                m_listSendBuffer.push_front(block);
+                return true;
+            }
         }
         int nTaken = std::min(nSent, block.nLength);
         // The queue is right before the application hears of the send: a
