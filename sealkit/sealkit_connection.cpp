@@ -1,6 +1,7 @@
 #include "sealkit_connection.h"
 
 #include "sealkit_context.h"
+#include "sealkit_names.h"
 #include "sealkit_trace.h"
 
 #include <openssl/err.h>
@@ -45,14 +46,25 @@ bool IsIpAddress(const std::string& name)
            (size = sizeof(address), WSAStringToAddressW(&wide[0], AF_INET6, nullptr, (sockaddr*)&address, &size) == 0);
 }
 
-// The client checks the certificate against SEALKIT_SERVER_NAME and sends it
-// as SNI (an IP address is checked as one and not sent: SNI carries names only).
-bool ExpectServerName(SSL* ssl, const std::wstring& serverName)
+// The client checks the certificate against a name and sends it as SNI (an
+// IP address is checked as one and not sent: SNI carries names only).
+bool CheckServerName(SSL* ssl, const std::string& name)
 {
-    std::string name = ToUtf8(serverName);
     if (IsIpAddress(name))
         return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), name.c_str()) == 1;
     return SSL_set_tlsext_host_name(ssl, name.c_str()) == 1 && SSL_set1_host(ssl, name.c_str()) == 1;
+}
+
+// The name the server's certificate must be for: the one the application
+// named for this peer, else SEALKIT_SERVER_NAME, else the peer's IP address.
+// Empty only for a socket without a peer (the handshake then fails).
+std::string ServerNameFor(SOCKET socket, const Config& config)
+{
+    std::string peerText;
+    std::wstring name = ExpectedServerName(socket, peerText);
+    if (name.empty())
+        name = config.serverName;
+    return name.empty() ? peerText : ToUtf8(name);
 }
 
 }  // namespace
@@ -104,7 +116,11 @@ bool Connection::Attach(SSL_CTX* ctx, bool server, const Config& config)
         return true;
     }
     SSL_set_connect_state(m_ssl);
-    return config.serverName.empty() || ExpectServerName(m_ssl, config.serverName);
+    if (!config.verifyPeer)
+        return true;
+    // Fail closed: a certificate is checked against a name (or address) always.
+    m_serverName = ServerNameFor(m_link.socket, config);
+    return !m_serverName.empty() && CheckServerName(m_ssl, m_serverName);
 }
 
 bool Connection::Handshake(DWORD timeoutMs)
@@ -136,6 +152,10 @@ std::wstring Connection::HandshakeFailure(DWORD timeoutMs) const
         return text;
     }
     long verify = SSL_get_verify_result(m_ssl);
+    if (verify == X509_V_ERR_HOSTNAME_MISMATCH || verify == X509_V_ERR_IP_ADDRESS_MISMATCH)
+        return L"the server's certificate is not for " + Widen(m_serverName.c_str()) +
+               L"; name the host of this peer with OPENSSL_expect_server_name before connecting, "
+               L"or set SEALKIT_SERVER_NAME";
     if (verify != X509_V_OK)
         return L"certificate verification failed: " + Widen(X509_verify_cert_error_string(verify));
     if (m_link.socketError != 0) {

@@ -44,6 +44,7 @@ private:
     Link m_link;
     bool m_peerClosed = false;   // the peer's close has been reported once
     int m_brokenError = 0;       // sticky: the connection can't carry data any more
+    std::string m_serverName;    // client: what the server's certificate must be for
 };
 
 }  // namespace sealkit

@@ -2,6 +2,7 @@
 // count and the registry of open TLS handles.
 #include "sealkit_config.h"
 #include "sealkit_connection.h"
+#include "sealkit_names.h"
 #include "sealkit_context.h"
 #include "sealkit_trace.h"
 
@@ -171,6 +172,11 @@ int Sealkit_Shutdown(ULONG_PTR hSSL)
     connection->Shutdown();
     delete connection;
     return 1;
+}
+
+int Sealkit_ExpectServerName(const sockaddr* pPeer, int nLength, const wchar_t* pszName)
+{
+    return sealkit::ExpectServerName(pPeer, nLength, pszName != nullptr ? pszName : L"") ? 1 : 0;
 }
 
 }  // extern "C"

@@ -28,6 +28,13 @@ SEALKIT_API int OPENSSL_read(HSSL hSSL, void* pBuffer, int nSize);
 SEALKIT_API int OPENSSL_write(HSSL hSSL, const void* pBuffer, int nSize);
 SEALKIT_API int OPENSSL_pending(HSSL hSSL);
 SEALKIT_API int OPENSSL_shutdown(HSSL hSSL);
+// Not one of the eight: names the host that a TLS client expects at a peer
+// (address and port) for the connections it makes there from now on; the
+// server's certificate must be for that name, which is also sent as SNI. A
+// null or empty name forgets it. 1, or 0 for an address that isn't IPv4/IPv6.
+// Without a name for the peer, SEALKIT_SERVER_NAME is used, and without that
+// the certificate must be for the peer's IP address.
+SEALKIT_API int OPENSSL_expect_server_name(const sockaddr* pPeer, int nLength, const wchar_t* pszName);
 
 #ifdef __cplusplus
 }

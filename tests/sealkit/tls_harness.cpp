@@ -52,12 +52,19 @@ const TestFiles& Files()
     return temp.files;
 }
 
-SocketPair::SocketPair()
+SocketPair::SocketPair(const char* address)
 {
-    unsigned short port = 0;
-    SOCKET listener = ListenLoopback(port, 1);
-    client = ConnectLoopback(port);
-    server = accept(listener, nullptr, nullptr);
+    SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = inet_addr(address);
+    int len = sizeof(addr);
+    if (bind(listener, (sockaddr*)&addr, sizeof(addr)) == 0 && listen(listener, 1) == 0 &&
+        getsockname(listener, (sockaddr*)&addr, &len) == 0) {
+        client = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+        if (connect(client, (sockaddr*)&addr, sizeof(addr)) == 0)
+            server = accept(listener, nullptr, nullptr);
+    }
     closesocket(listener);
 }
 

@@ -20,9 +20,10 @@ struct TestFiles {
 };
 const TestFiles& Files();
 
-// Two connected loopback TCP sockets, both blocking; closed at the end.
+// Two connected loopback TCP sockets, both blocking; closed at the end. The
+// server side listens on address (any of 127.0.0.0/8).
 struct SocketPair {
-    SocketPair();
+    explicit SocketPair(const char* address = "127.0.0.1");
     ~SocketPair();
     void SetBlocking(bool blocking);
     SOCKET client = INVALID_SOCKET;

@@ -41,24 +41,51 @@ TEST_F(SealkitTest, OnlyZeroTurnsVerificationOff)
     EXPECT_EQ(0u, pair.client);
 }
 
-TEST_F(SealkitTest, ServerNameIsCheckedAgainstTheCertificate)
+// The server's certificate is for localhost and 127.0.0.1 (not 127.0.0.2).
+TEST_F(SealkitTest, TheCertificateMustBeForTheNameOrAddressOfThePeer)
 {
-    SetSetting(L"SEALKIT_SERVER_NAME", L"other.example");
-    Start();
-    {
-        DebugCapture capture;
-        TlsPair wrong;
-        EXPECT_EQ(0u, wrong.client) << "the certificate is for localhost";
-        EXPECT_EQ(1u, capture.StartingWith(kHandshakeFailed).size());
-    }
-    Stop();
-    for (const wchar_t* name : {L"localhost", L"127.0.0.1"}) {
-        SetSetting(L"SEALKIT_SERVER_NAME", name);
+    struct {
+        const char* address;
+        const wchar_t* fallback;     // SEALKIT_SERVER_NAME
+        const wchar_t* registered;   // OPENSSL_expect_server_name for this peer
+        bool ok;
+    } cases[] = {
+        {"127.0.0.1", nullptr, nullptr, true},                      // no name: the peer's address, in the certificate
+        {"127.0.0.2", nullptr, nullptr, false},                     // no name, and the address isn't in it
+        {"127.0.0.2", nullptr, L"localhost", true},                 // the application names this peer's host
+        {"127.0.0.2", L"localhost", nullptr, true},                 // the process-wide fallback
+        {"127.0.0.2", L"localhost", L"other.example", false},       // the peer's own name comes first
+        {"127.0.0.1", L"other.example", nullptr, false},            // a wrong fallback
+        {"127.0.0.1", L"127.0.0.1", nullptr, true},                 // an address as the name
+    };
+    for (auto& c : cases) {
+        SetSetting(L"SEALKIT_SERVER_NAME", c.fallback);
         Start();
-        TlsPair right;
-        EXPECT_TRUE(right.Ok()) << "SEALKIT_SERVER_NAME matching the certificate";
+        {
+            DebugCapture capture;
+            SocketPair sockets(c.address);
+            sockaddr_storage peer = {};
+            int length = sizeof(peer);
+            ASSERT_EQ(0, getpeername(sockets.client, (sockaddr*)&peer, &length)) << c.address;
+            if (c.registered) {
+                ASSERT_EQ(1, OPENSSL_expect_server_name((const sockaddr*)&peer, length, c.registered));
+            }
+            HSSL client = 0, server = 0;
+            EXPECT_EQ(c.ok, Handshake(sockets, client, server)) << c.address << " expecting "
+                                                                   << (c.registered ? "a registered name" : "no name");
+            if (!c.ok) {
+                EXPECT_EQ(1u, capture.StartingWith(L"Sealkit: OPENSSL_connect: handshake failed: the server's "
+                                                   L"certificate is not for ").size());
+            }
+            if (client)
+                OPENSSL_shutdown(client);
+            if (server)
+                OPENSSL_shutdown(server);
+            OPENSSL_expect_server_name((const sockaddr*)&peer, length, nullptr);
+        }
         Stop();
     }
+    SetSetting(L"SEALKIT_SERVER_NAME", nullptr);
 }
 
 TEST_F(SealkitTest, WithoutCertificateFilesTheServerUsesAnEphemeralOne)
