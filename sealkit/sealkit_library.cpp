@@ -20,7 +20,10 @@ struct Library {
     int owners = 0;
     SSL_CTX* client = nullptr;   // mode 0
     SSL_CTX* server = nullptr;   // mode 1
-    Config config;
+    // The settings each side was made with: a client init changes nothing of
+    // the server side, and the other way round.
+    Config clientConfig;
+    Config serverConfig;
     std::unordered_set<Connection*> handles;
 };
 
@@ -48,7 +51,7 @@ ULONG_PTR Open(SOCKET socket, bool server)
         ctx = server ? lib.server : lib.client;
         if (ctx)
             SSL_CTX_up_ref(ctx);
-        config = lib.config;
+        config = server ? lib.serverConfig : lib.clientConfig;
     }
     if (!ctx) {
         Trace(L"Sealkit: %s: no %s context (OPENSSL_init(%d) missing or failed)\n",
@@ -100,9 +103,18 @@ int Sealkit_Init(int nMode)
     std::lock_guard<std::mutex> guard(lib.lock);
     if (nMode == 0 || lib.owners == 0)
         ++lib.owners;
-    Replace(nMode == 0 ? lib.client : lib.server, fresh);
-    lib.config = config;
-    return fresh ? 1 : 0;
+    SSL_CTX*& slot = nMode == 0 ? lib.client : lib.server;
+    if (!fresh) {
+        // A bad setting must not break what works: other owners go on with
+        // the side as it was (the reason is in the line written before).
+        if (slot)
+            Trace(L"Sealkit: OPENSSL_init(%d) failed: the %s side keeps its previous settings\n", nMode,
+                  nMode == 0 ? L"client" : L"server");
+        return 0;
+    }
+    Replace(slot, fresh);
+    (nMode == 0 ? lib.clientConfig : lib.serverConfig) = config;
+    return 1;
 }
 
 // The last owner's call frees both contexts and the ephemeral certificate.

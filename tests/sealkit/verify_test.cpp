@@ -123,3 +123,22 @@ TEST_F(SealkitTest, UnreadableCertificateGivesNoServer)
 }
 
 }  // namespace
+
+TEST_F(SealkitTest, AFailedInitKeepsTheSettingsThatWork)
+{
+    Start();
+    DebugCapture capture;
+    SetSetting(L"SEALKIT_CA", L"C:\\no\\such\\ca.pem");
+    SetSetting(L"SEALKIT_SERVER_NAME", L"other.example");   // would refuse the server, if it were taken
+    EXPECT_EQ(0, OPENSSL_init(0)) << "an unreadable CA file fails the init";
+    SetSetting(L"SEALKIT_CERT", L"C:\\no\\such\\cert.pem");
+    EXPECT_EQ(0, OPENSSL_init(1)) << "an unreadable certificate fails the init";
+    {
+        TlsPair pair;
+        EXPECT_TRUE(pair.Ok()) << "both sides go on with the settings of the earlier init";
+    }
+    EXPECT_EQ(1u, capture.StartingWith(L"Sealkit: OPENSSL_init(0) failed: the client side keeps its previous settings").size());
+    EXPECT_EQ(1u, capture.StartingWith(L"Sealkit: OPENSSL_init(1) failed: the server side keeps its previous settings").size());
+    OPENSSL_uninit();   // the owner that the failed client init opened
+    SetSetting(L"SEALKIT_SERVER_NAME", nullptr);
+}
