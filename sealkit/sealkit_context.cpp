@@ -9,8 +9,11 @@
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 
+#include <cstring>
 #include <ctime>
 #include <mutex>
+#include <set>
+#include <string>
 
 namespace sealkit {
 
@@ -27,12 +30,82 @@ std::wstring TakeOpenSslError()
 
 namespace {
 
+const char kTls12Suites[] = "ECDHE+AESGCM:ECDHE+CHACHA20:DHE+AESGCM:DHE+CHACHA20:!aNULL:!eNULL";
+
+// The DER encodings of the certificates in the Windows Disallowed store,
+// read when the client side is prepared.
+std::mutex g_disallowedLock;
+std::set<std::string> g_disallowed;
+
+std::string Der(X509* cert)
+{
+    unsigned char* der = nullptr;
+    int length = i2d_X509(cert, &der);
+    std::string bytes = length > 0 ? std::string((const char*)der, (size_t)length) : std::string();
+    OPENSSL_free(der);
+    return bytes;
+}
+
+std::set<std::string> ReadDisallowedStore()
+{
+    std::set<std::string> disallowed;
+    HCERTSTORE store = CertOpenSystemStoreW(0, L"Disallowed");
+    if (!store)
+        return disallowed;
+    for (PCCERT_CONTEXT cert = CertEnumCertificatesInStore(store, nullptr); cert;
+         cert = CertEnumCertificatesInStore(store, cert))
+        disallowed.insert(std::string((const char*)cert->pbCertEncoded, cert->cbCertEncoded));
+    CertCloseStore(store, 0);
+    return disallowed;
+}
+
+// A certificate of the Windows Disallowed store is never trusted, wherever
+// it stands in the chain.
+int RefuseDisallowed(int ok, X509_STORE_CTX* store)
+{
+    if (!ok)
+        return 0;
+    X509* cert = X509_STORE_CTX_get_current_cert(store);
+    std::lock_guard<std::mutex> guard(g_disallowedLock);
+    if (cert && !g_disallowed.empty() && g_disallowed.count(Der(cert))) {
+        X509_STORE_CTX_set_error(store, X509_V_ERR_CERT_REJECTED);
+        return 0;
+    }
+    return 1;
+}
+
+// Whether a ROOT store certificate may vouch for servers: no enhanced key
+// usage at all (valid for every use), or one that names server auth.
+bool ValidForServerAuth(PCCERT_CONTEXT cert)
+{
+    DWORD size = 0;
+    if (!CertGetEnhancedKeyUsage(cert, 0, nullptr, &size))
+        return GetLastError() == (DWORD)CRYPT_E_NOT_FOUND;
+    std::string buffer(size, '\0');
+    PCERT_ENHKEY_USAGE usage = (PCERT_ENHKEY_USAGE)&buffer[0];
+    if (!CertGetEnhancedKeyUsage(cert, 0, usage, &size))
+        return false;
+    if (usage->cUsageIdentifier == 0)
+        return GetLastError() == (DWORD)CRYPT_E_NOT_FOUND;
+    for (DWORD i = 0; i < usage->cUsageIdentifier; ++i)
+        if (strcmp(usage->rgpszUsageIdentifier[i], szOID_PKIX_KP_SERVER_AUTH) == 0)
+            return true;
+    return false;
+}
+
 SSL_CTX* NewContext(const SSL_METHOD* method)
 {
     SSL_CTX* ctx = SSL_CTX_new(method);
     if (!ctx)
         return nullptr;
     SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION);
+    // At least 112-bit security; TLS 1.2 only with forward-secret AEAD suites
+    // (TLS 1.3 has nothing else).
+    SSL_CTX_set_security_level(ctx, 2);
+    if (SSL_CTX_set_cipher_list(ctx, kTls12Suites) != 1) {
+        SSL_CTX_free(ctx);
+        return nullptr;
+    }
     // Writes hand over at most one record each and may be offered again from
     // another address after a would-block: the callers re-queue their buffers.
     SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
@@ -51,6 +124,8 @@ int AddWindowsRootStore(SSL_CTX* ctx)
     int added = 0;
     for (PCCERT_CONTEXT cert = CertEnumCertificatesInStore(store, nullptr); cert;
          cert = CertEnumCertificatesInStore(store, cert)) {
+        if (!ValidForServerAuth(cert))
+            continue;
         const unsigned char* der = cert->pbCertEncoded;
         X509* x509 = d2i_X509(nullptr, &der, (long)cert->cbCertEncoded);
         if (x509 && X509_STORE_add_cert(trusted, x509))
@@ -168,7 +243,12 @@ SSL_CTX* NewClientContext(const Config& config)
         Trace(L"Sealkit: cannot make the client context: %s\n", TakeOpenSslError().c_str());
         return nullptr;
     }
-    SSL_CTX_set_verify(ctx, config.verifyPeer ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, nullptr);
+    {
+        std::set<std::string> disallowed = ReadDisallowedStore();
+        std::lock_guard<std::mutex> guard(g_disallowedLock);
+        g_disallowed.swap(disallowed);
+    }
+    SSL_CTX_set_verify(ctx, config.verifyPeer ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, RefuseDisallowed);
     if (!LoadTrust(ctx, config)) {
         SSL_CTX_free(ctx);
         return nullptr;
