@@ -11,6 +11,10 @@ wine_exec=$1
 mode=$2
 shift 2
 
+# TLS examples: the server shows a certificate of a demo CA that the client trusts.
+source "$(dirname "$0")/../scripts/lib/demo-pki.sh"
+demo_pki_export "${WINEPREFIX:-/tmp}/../demo-pki" || { echo "FAILED: no demo certificates"; exit 1; }
+
 if [ "$mode" = single ]; then
   exec timeout 30 "$wine_exec" "$@"
 fi

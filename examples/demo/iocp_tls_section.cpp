@@ -140,10 +140,8 @@ DemoRow CompletionPortTlsEchoSection()
     DemoRow row;
     row.name = "completion-port TLS echo";
     std::printf("== TLS echo server and %d TLS clients on COverlappedSocketFactory kind 1\n", kClients);
-    // The server's certificate is Sealkit's ephemeral self-signed one for
-    // "localhost": the clients must not verify it. Set before CreateObject,
-    // which prepares the TLS library's client side.
-    SetEnvironmentVariableW(L"SEALKIT_VERIFY", L"0");
+    // The server shows SEALKIT_CERT and the clients check it against
+    // SEALKIT_CA and 127.0.0.1: scripts/demo sets both to a demo CA's files.
     auto serverFactory = COverlappedSocketFactory::CreateObject(COverlappedSocketFactory::KIND_SSL, kWorkersPerFactory);
     auto clientFactory = COverlappedSocketFactory::CreateObject(COverlappedSocketFactory::KIND_SSL, kWorkersPerFactory);
     auto server = std::make_shared<EchoServerNotify>();

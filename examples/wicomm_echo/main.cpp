@@ -102,12 +102,9 @@ private:
 
 int main(int argc, char** argv) {
     bool bTls = argc > 1 && strcmp(argv[1], "--tls") == 0;
-    if (bTls && GetEnvironmentVariableW(L"SEALKIT_CA", nullptr, 0) == 0) {
-        // The server's certificate is Sealkit's ephemeral self-signed one (no
-        // SEALKIT_CERT set), which no CA vouches for: turn the client's check
-        // off for this demonstration. Real deployments set SEALKIT_CA instead.
-        SetEnvironmentVariableW(L"SEALKIT_VERIFY", L"0");
-    }
+    // With --tls the server shows SEALKIT_CERT, and the client checks it
+    // against the CA of SEALKIT_CA (else the Windows ROOT store) and against
+    // 127.0.0.1 (scripts/lib/demo-pki.sh makes such a CA and certificate).
     if (!CWiComm::Startup()) return 1;                // reads the SEALKIT_* settings: set them before
 
     // TLS: the listener takes the server side (1), the client the client side (0). -1: plain.

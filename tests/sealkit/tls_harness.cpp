@@ -1,7 +1,7 @@
 #include "tls_harness.h"
 
 #include "support/pattern.h"
-#include "test_certs.h"
+#include "support/test_pki.h"
 
 #include <cstdio>
 #include <thread>
@@ -15,42 +15,7 @@ namespace {
 
 WinsockScope g_winsock;
 
-std::wstring WriteTempFile(const wchar_t* name, const char* text)
-{
-    wchar_t folder[MAX_PATH];
-    GetTempPathW(MAX_PATH, folder);
-    std::wstring path = std::wstring(folder) + L"sealkit-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + name;
-    FILE* file = _wfopen(path.c_str(), L"wb");
-    if (file) {
-        fputs(text, file);
-        fclose(file);
-    }
-    return path;
-}
-
-struct TempFiles {
-    TestFiles files;
-    TempFiles()
-    {
-        files.ca = WriteTempFile(L"ca.pem", kTestCaPem);
-        files.otherCa = WriteTempFile(L"other-ca.pem", kOtherCaPem);
-        files.serverCert = WriteTempFile(L"server.pem", kServerCertPem);
-        files.serverKey = WriteTempFile(L"server.key", kServerKeyPem);
-    }
-    ~TempFiles()
-    {
-        for (const std::wstring* path : {&files.ca, &files.otherCa, &files.serverCert, &files.serverKey})
-            DeleteFileW(path->c_str());
-    }
-};
-
 }  // namespace
-
-const TestFiles& Files()
-{
-    static TempFiles temp;
-    return temp.files;
-}
 
 SocketPair::SocketPair(const char* address)
 {
@@ -152,12 +117,7 @@ std::vector<char> Pattern(size_t size, unsigned seed) { return PatternBytes<std:
 
 void SealkitTest::SetUp()
 {
-    const TestFiles& files = Files();
-    SetSetting(L"SEALKIT_CERT", files.serverCert.c_str());
-    SetSetting(L"SEALKIT_KEY", files.serverKey.c_str());
-    SetSetting(L"SEALKIT_CA", files.ca.c_str());
-    SetSetting(L"SEALKIT_VERIFY", nullptr);
-    SetSetting(L"SEALKIT_SERVER_NAME", nullptr);
+    UseTestCertificates();
     SetSetting(L"SEALKIT_HANDSHAKE_TIMEOUT_MS", nullptr);
 }
 

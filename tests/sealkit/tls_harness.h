@@ -4,6 +4,7 @@
 #define SEALKIT_TESTS_TLS_HARNESS_H
 
 #include "support/net.h"
+#include "support/test_pki.h"
 #include "tls/tls_library.h"
 
 #include <gtest/gtest.h>
@@ -13,12 +14,6 @@
 
 // Sets (or, with null, removes) an environment variable for the next OPENSSL_init.
 void SetSetting(const wchar_t* name, const wchar_t* value);
-
-// The test PEM files, written to the temporary folder once per process.
-struct TestFiles {
-    std::wstring ca, otherCa, serverCert, serverKey;
-};
-const TestFiles& Files();
 
 // Two connected loopback TCP sockets, both blocking; closed at the end. The
 // server side listens on address (any of 127.0.0.0/8).

@@ -72,7 +72,7 @@ struct EchoServerAndClients {
 
 TEST(TlsLeaks, ChurnOfConnectionsEndsEverySocket)
 {
-    AllowSelfSignedServer();
+    UseTestCertificates();
     WarmUp();
     LeakBaseline baseline;
     {
@@ -101,7 +101,7 @@ TEST(TlsLeaks, ChurnOfConnectionsEndsEverySocket)
 
 TEST(TlsLeaks, DestoryUnderLiveTrafficEndsEverySocket)
 {
-    AllowSelfSignedServer();
+    UseTestCertificates();
     WarmUp();
     LeakBaseline baseline;
     {

@@ -153,7 +153,7 @@ TEST_F(TlsOrder, CloseFromInsideOnConnectLeavesNoReferenceToItself)
 // Close from the test thread waits for it and the socket ends with one OnClose.
 TEST(TlsHandshakeStall, CloseDuringTheHandshakeFromAnotherThread)
 {
-    AllowSelfSignedServer();
+    UseTestCertificates();
     SetEnvironmentVariableW(L"SEALKIT_HANDSHAKE_TIMEOUT_MS", L"800");
     auto spFactory = COverlappedSocketFactory::CreateObject(1, 2);
     SetEnvironmentVariableW(L"SEALKIT_HANDSHAKE_TIMEOUT_MS", NULL);

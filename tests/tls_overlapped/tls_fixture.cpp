@@ -134,7 +134,7 @@ long Recorder::Count(Note kind) const
     return ::testing::AssertionSuccess();
 }
 
-void AllowSelfSignedServer() { SetEnvironmentVariableW(L"SEALKIT_VERIFY", L"0"); }
+
 
 std::string Pattern(size_t size, unsigned seed) { return PatternBytes<std::string>(size, seed); }
 

@@ -16,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/test_pki.h"
+
 #include "factory/overlapped_socket_factory.h"
 #include "overlapped/overlapped_socket.h"
 #include "support/wait.h"
@@ -67,8 +69,6 @@ private:
     std::vector<SocketPtr> m_connected;
 };
 
-// SEALKIT_VERIFY=0: the server's certificate is the ephemeral self-signed one.
-void AllowSelfSignedServer();
 
 std::string Pattern(size_t size, unsigned seed);
 unsigned short LocalPort(const SocketPtr& spSocket);
@@ -76,7 +76,7 @@ unsigned short LocalPort(const SocketPtr& spSocket);
 // A TLS factory with a listener on 127.0.0.1 and a pool of accepts.
 class TlsServerTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { AllowSelfSignedServer(); }
+    static void SetUpTestSuite() { UseTestCertificates(); }
     void SetUp() override;
     void TearDown() override;
 

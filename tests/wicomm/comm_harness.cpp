@@ -1,5 +1,7 @@
 #include "comm_harness.h"
 
+#include "support/test_pki.h"
+
 #include "module/scope_lock.h"
 #include "support/pattern.h"
 
@@ -155,7 +157,7 @@ void Recorder::Forget()
 
 void WiCommTest::SetUp()
 {
-    SetEnvironmentVariableW(L"SEALKIT_VERIFY", L"0");
+    UseTestCertificates();
     ASSERT_EQ(1, CWiComm::Startup());
     m_window.reset(new WindowThread);
     m_window2.reset(new WindowThread);

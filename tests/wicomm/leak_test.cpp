@@ -3,6 +3,7 @@
 #include <malloc.h>
 
 #include "comm_harness.h"
+#include "support/test_pki.h"
 #include "support/leak.h"
 
 namespace {
@@ -49,7 +50,7 @@ void Round(WindowThread& first, WindowThread& second, Recorder& srv, Recorder& c
 TEST(WiCommLeaks, AfterCleanupNoWindowSocketOrHeapBlockRemains)
 {
     WinsockScope winsock;
-    SetEnvironmentVariableW(L"SEALKIT_VERIFY", L"0");
+    UseTestCertificates();
     WindowThread first, second;
     for (bool closeFirst : {true, false}) {   // warms up the run time, Winsock, TLS and per-thread caches
         Recorder srv, cli;

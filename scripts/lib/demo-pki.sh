@@ -1,0 +1,31 @@
+# A small certificate authority for the demo, the examples and the benchmark:
+# a CA, and a server certificate it signs for localhost and 127.0.0.1, made
+# with the openssl tool once into a folder. demo_pki_export then points
+# Sealkit's settings at them (as Windows paths, for programs under Wine), so
+# that servers show a certificate the clients can check, with verification on.
+#   source scripts/lib/demo-pki.sh; demo_pki_export <folder>
+demo_pki_make() {
+  local dir=$1
+  [ -s "$dir/server.pem" ] && return 0
+  mkdir -p "$dir"
+  (
+    cd "$dir"
+    openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ca.key 2>/dev/null
+    openssl req -x509 -new -key ca.key -sha256 -days 3650 -subj "/CN=wisock demo CA" \
+      -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign,cRLSign" -out ca.pem
+    openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out server.key 2>/dev/null
+    openssl req -new -key server.key -subj "/CN=localhost" -out server.csr
+    printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n' > ext.cnf
+    openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 3650 -sha256 \
+      -extfile ext.cnf -out server.pem 2>/dev/null
+  )
+}
+
+demo_pki_export() {
+  local dir=$1
+  demo_pki_make "$dir" || return 1
+  SEALKIT_CERT=$(winepath -w "$dir/server.pem" 2>/dev/null)
+  SEALKIT_KEY=$(winepath -w "$dir/server.key" 2>/dev/null)
+  SEALKIT_CA=$(winepath -w "$dir/ca.pem" 2>/dev/null)
+  export SEALKIT_CERT SEALKIT_KEY SEALKIT_CA
+}
