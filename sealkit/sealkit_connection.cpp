@@ -189,6 +189,10 @@ int Connection::Read(void* buffer, int size)
     if (m_brokenError != 0)
         return Broken(m_brokenError);
     if (m_peerClosed) {
+        // A close without the TLS close alert may have cut data off: it is
+        // told apart from a clean close from here on.
+        if (m_truncated)
+            return Broken(WSAECONNRESET);
         WSASetLastError(WSAEDISCON);
         return 0;
     }
@@ -234,8 +238,10 @@ int Connection::Failure(int result)
     default:
         if (m_link.socketError != 0)
             return Broken(m_link.socketError);
-        if (m_link.eof)
+        if (m_link.eof) {
+            m_truncated = true;   // TCP closed without a close alert
             return PeerClosed();
+        }
         return Broken(WSAECONNABORTED);
     }
 }

@@ -43,6 +43,7 @@ private:
     SSL* m_ssl = nullptr;
     Link m_link;
     bool m_peerClosed = false;   // the peer's close has been reported once
+    bool m_truncated = false;    // ... and it came without a TLS close alert
     int m_brokenError = 0;       // sticky: the connection can't carry data any more
     std::string m_serverName;    // client: what the server's certificate must be for
 };

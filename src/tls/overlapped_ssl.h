@@ -72,6 +72,7 @@ private:
     // Receive path (caller holds m_csLock).
     bool ReadPass(int& nError);
     bool HasMoreToRead();
+    int PeerCloseError();
     // Worker.
     void OnPortCompletion(COverlappedInfo* pInfo);
     bool OnPortFailure(COverlappedInfo* pInfo, int nErrorCode, int nWSAGetLastError, CString& strTrace);
@@ -80,6 +81,8 @@ private:
     // Close.
     void QueueNetworkWaitClose();
     void EndConnection(SOCKET hSocket, const std::shared_ptr<COverlappedSocket>& spListenSocket);
+    // Set by the peer's close (FD_CLOSE) for the OnClose that Close reports.
+    int m_nPeerCloseError = 0;
 };
 
 #endif

@@ -21,6 +21,7 @@ void COverlappedSSL::Close()
     // Whoever claims the report first (a worker that saw the connection fail,
     // or this call) makes the one OnClose.
     int bReportClose = ClaimCloseReport();
+    int nCloseError = m_nPeerCloseError;
     m_bClosed = 1;
     if (hSocket != INVALID_SOCKET)
         WSAEventSelect(hSocket, m_hNetworkEvent, 0);
@@ -38,7 +39,7 @@ void COverlappedSSL::Close()
         return;
     LeaveFactoryMaps(hSocket);
     if (bReportClose)
-        CSocketNotifyCall::OnClose(spNotify, 0, spSocket);
+        CSocketNotifyCall::OnClose(spNotify, nCloseError, spSocket);
     // A receive time-out entry would hold the closed socket until it fell due.
     std::vector<std::shared_ptr<COverlappedSocket>> timerRefs;
     m_spFactory->DropTimerRequests(this, timerRefs);

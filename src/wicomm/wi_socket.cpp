@@ -1,6 +1,7 @@
 // CWiSocket: the "SocketSink" window, its procedure, socket-event dispatch,
 // the window timer, and the small socket operations of the comm objects.
 #include "wicomm/wi_socket.h"
+#include "wicomm/wi_tcp.h"
 
 #include "module/debug_trace.h"
 #include "module/module.h"
@@ -231,6 +232,8 @@ LRESULT CWiSocket::OnSocketNotify(WPARAM wParam, LPARAM lParam)
     case FD_CLOSE:
         // A peer's close only informs the application; it decides to Close.
         StopTimer();
+        if (IsKindOf(RUNTIME_CLASS(CWiTcp)) && !static_cast<CWiTcp*>(this)->ReportTruncatedClose())
+            break;
         CallCloseNotify(spSelf);
         break;
     default:

@@ -75,6 +75,8 @@ protected:
 
 private:
     void FreeReadBuffers();
+    friend class CWiSocket;   // its FD_CLOSE asks the next one
+    bool ReportTruncatedClose();
     bool PeerHasClosed();
     void PostPeerClose();
     bool IsTls() const { return m_nSSLMode == 0 || m_nSSLMode == 1; }

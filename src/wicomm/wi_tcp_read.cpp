@@ -172,6 +172,31 @@ void CWiTcp::ReadPlain(CScopeLock& lock, int nAvailable)
         AsyncSelect();
 }
 
+// A TLS connection whose peer closed TCP without the TLS close alert (data
+// may have been cut off) is reported with OnError(READ, WSAECONNRESET)
+// before its OnClose. False if the object died in that notification.
+bool CWiTcp::ReportTruncatedClose()
+{
+    if (!IsTls())
+        return true;
+    int nError = 0;
+    {
+        CScopeLock lock(m_csComm);
+        char byte;
+        for (int i = 0; i < 2 && m_hSSL != 0 && nError == 0; ++i) {
+            int nResult = OPENSSL_read(m_hSSL, &byte, 0);
+            int nLast = WSAGetLastError();
+            if (nLast == WSAEDISCON || nLast == WSAEWOULDBLOCK)
+                break;
+            if (nResult < 0)
+                nError = nLast;
+        }
+    }
+    if (nError != WSAECONNRESET)
+        return true;
+    return CallErrorNotify(READ, nError, shared_from_this()) != 0;
+}
+
 // Caller holds m_csComm, with the socket non-blocking: the peer's FIN is all
 // that is left to read.
 bool CWiTcp::PeerHasClosed()

@@ -112,31 +112,44 @@ TEST_F(SealkitTest, PendingShowsTheRestOfALargeRecord)
     EXPECT_EQ(0, OPENSSL_pending(pair.client));
 }
 
-TEST_F(SealkitTest, PeerCloseGivesZeroOnceThenAHardError)
+// A clean close (close alert, then TCP) and a truncated one (TCP alone): the
+// data comes out, then 0 once, then the later reads tell the two apart.
+TEST_F(SealkitTest, PeerCloseGivesZeroOnceThenTellsACleanCloseFromATruncatedOne)
 {
     Start();
-    TlsPair pair(false);
-    ASSERT_TRUE(pair.Ok());
-    std::vector<char> data = Pattern(50, 9), received;
-    ASSERT_TRUE(WriteAll(pair.server, pair.sockets.server, data));
-    OPENSSL_shutdown(pair.server);
-    pair.server = 0;
-    int optionValue = 0, optionSize = sizeof(optionValue);
-    EXPECT_EQ(0, getsockopt(pair.sockets.server, SOL_SOCKET, SO_TYPE, (char*)&optionValue, &optionSize))
-        << "OPENSSL_shutdown must leave the socket open";
-    shutdown(pair.sockets.server, SD_SEND);
+    struct {
+        bool alert;
+        int later;        // result of the reads after the close
+        int laterError;
+    } cases[] = {{true, 0, WSAEDISCON}, {false, -1, WSAECONNRESET}};
+    for (auto& c : cases) {
+        TlsPair pair(false);
+        ASSERT_TRUE(pair.Ok());
+        std::vector<char> data = Pattern(50, 9), received;
+        ASSERT_TRUE(WriteAll(pair.server, pair.sockets.server, data));
+        if (c.alert) {
+            OPENSSL_shutdown(pair.server);
+            pair.server = 0;
+            int optionValue = 0, optionSize = sizeof(optionValue);
+            EXPECT_EQ(0, getsockopt(pair.sockets.server, SOL_SOCKET, SO_TYPE, (char*)&optionValue, &optionSize))
+                << "OPENSSL_shutdown must leave the socket open";
+        }
+        shutdown(pair.sockets.server, SD_SEND);
 
-    // The bytes before the close come out first, then the close itself.
-    ASSERT_TRUE(ReadAll(pair.client, pair.sockets.client, received, 50));
-    EXPECT_TRUE(received == data);
-    char buffer[64];
-    int n;
-    while ((n = OPENSSL_read(pair.client, buffer, sizeof(buffer))) < 0 && WSAGetLastError() == WSAEWOULDBLOCK)
-        ASSERT_TRUE(WaitSocket(pair.sockets.client, true)) << "the close never arrived";
-    EXPECT_EQ(0, n);
-    EXPECT_EQ(0, WSAGetLastError()) << "the read that meets the peer's close";
-    EXPECT_GE(0, OPENSSL_read(pair.client, buffer, sizeof(buffer)));
-    EXPECT_EQ(WSAEDISCON, WSAGetLastError()) << "a read after the peer's close";
+        // The bytes before the close come out first, then the close itself.
+        ASSERT_TRUE(ReadAll(pair.client, pair.sockets.client, received, 50));
+        EXPECT_TRUE(received == data);
+        char buffer[64];
+        int n;
+        while ((n = OPENSSL_read(pair.client, buffer, sizeof(buffer))) < 0 && WSAGetLastError() == WSAEWOULDBLOCK)
+            ASSERT_TRUE(WaitSocket(pair.sockets.client, true)) << "the close never arrived";
+        EXPECT_EQ(0, n);
+        EXPECT_EQ(0, WSAGetLastError()) << "the read that meets the peer's close";
+        for (int size : {(int)sizeof(buffer), 0}) {
+            EXPECT_EQ(c.later, OPENSSL_read(pair.client, buffer, size)) << (c.alert ? "clean" : "truncated");
+            EXPECT_EQ(c.laterError, WSAGetLastError()) << (c.alert ? "clean" : "truncated");
+        }
+    }
 }
 
 TEST_F(SealkitTest, BrokenConnectionGivesAHardErrorOnRead)

@@ -1,6 +1,7 @@
 // The order of notifications of a TLS socket: handshake success and failure,
 // refused connect, a peer close that comes with data, and Close from inside
 // every notification and from another thread during the handshake.
+#include <atomic>
 #include <thread>
 
 #include "support/net.h"
@@ -177,4 +178,31 @@ TEST(TlsHandshakeStall, CloseDuringTheHandshakeFromAnotherThread)
     closesocket(accepted);
     closesocket(listener);
     spFactory->Destory();
+}
+
+// A peer that closes TCP after the TLS close alert, and one that closes TCP
+// alone (data may have been cut off): OnClose tells them apart.
+TEST_F(TlsOrder, OnCloseTellsACleanTlsCloseFromATruncatedOne)
+{
+    std::atomic<int> lastError(-1);
+    m_spServer->onClose = [&](int nError, SocketPtr) { lastError = nError; };
+    struct {
+        bool alert;
+        int error;
+    } cases[] = {{true, 0}, {false, WSAECONNRESET}};
+    long closes = 0;
+    for (auto& c : cases) {
+        SOCKET peer = ConnectLoopback(m_nPort);
+        ASSERT_NE(INVALID_SOCKET, peer);
+        HSSL hSSL = OPENSSL_connect(peer);
+        ASSERT_NE(0u, hSSL) << "handshake with the server";
+        ASSERT_TRUE(m_spServer->connects.WaitAtLeast(closes + 1, "server OnConnect"));
+        if (c.alert)
+            OPENSSL_shutdown(hSSL);
+        closesocket(peer);
+        ASSERT_TRUE(m_spServer->closes.WaitAtLeast(++closes, "server OnClose"));
+        EXPECT_EQ(c.error, lastError.load()) << (c.alert ? "close alert, then TCP" : "TCP closed alone");
+        if (!c.alert)
+            OPENSSL_shutdown(hSSL);   // frees the handle
+    }
 }
