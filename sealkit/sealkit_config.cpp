@@ -46,6 +46,9 @@ Config ReadConfig()
     config.keyFile = Environment(L"SEALKIT_KEY");
     config.caFile = Environment(L"SEALKIT_CA");
     config.serverName = Environment(L"SEALKIT_SERVER_NAME");
+    config.clientCaFile = Environment(L"SEALKIT_CLIENT_CA");
+    config.clientCertFile = Environment(L"SEALKIT_CLIENT_CERT");
+    config.clientKeyFile = Environment(L"SEALKIT_CLIENT_KEY");
     config.verifyPeer = Environment(L"SEALKIT_VERIFY") != L"0";
     config.handshakeTimeoutMs = ParseTimeout(Environment(L"SEALKIT_HANDSHAKE_TIMEOUT_MS"));
     return config;

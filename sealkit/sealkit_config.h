@@ -16,6 +16,9 @@ struct Config {
     std::wstring keyFile;      // SEALKIT_KEY: PEM private key of the leaf
     std::wstring caFile;       // SEALKIT_CA: PEM CA file the client trusts; empty: Windows ROOT store
     std::wstring serverName;   // SEALKIT_SERVER_NAME: name the client checks and sends as SNI
+    std::wstring clientCaFile;     // SEALKIT_CLIENT_CA: the server requires client certificates from these CAs
+    std::wstring clientCertFile;   // SEALKIT_CLIENT_CERT: PEM chain the client presents
+    std::wstring clientKeyFile;    // SEALKIT_CLIENT_KEY: its key (else in SEALKIT_CLIENT_CERT)
     bool verifyPeer = true;    // SEALKIT_VERIFY: only "0" turns it off
     DWORD handshakeTimeoutMs = kDefaultHandshakeTimeoutMs;  // SEALKIT_HANDSHAKE_TIMEOUT_MS
 };

@@ -214,16 +214,18 @@ bool UseEphemeralIdentity(SSL_CTX* ctx)
            SSL_CTX_use_PrivateKey(ctx, g_identity.key) == 1;
 }
 
-// SEALKIT_KEY may be left out when SEALKIT_CERT holds the key too.
-bool UseIdentityFiles(SSL_CTX* ctx, const Config& config)
+// The key may be left out when the certificate file holds it too. certVar
+// and keyVar name the settings for the debug output.
+bool UseIdentityFiles(SSL_CTX* ctx, const std::wstring& certFile, const std::wstring& keyFileSetting,
+                      const wchar_t* certVar, const wchar_t* keyVar)
 {
-    if (config.certFile.empty()) {
-        Trace(L"Sealkit: SEALKIT_KEY is set without SEALKIT_CERT\n");
+    if (certFile.empty()) {
+        Trace(L"Sealkit: %s is set without %s\n", keyVar, certVar);
         return false;
     }
-    const std::wstring& keyFile = config.keyFile.empty() ? config.certFile : config.keyFile;
-    if (SSL_CTX_use_certificate_chain_file(ctx, ToUtf8(config.certFile).c_str()) != 1) {
-        Trace(L"Sealkit: cannot load SEALKIT_CERT=%s: %s\n", config.certFile.c_str(), TakeOpenSslError().c_str());
+    const std::wstring& keyFile = keyFileSetting.empty() ? certFile : keyFileSetting;
+    if (SSL_CTX_use_certificate_chain_file(ctx, ToUtf8(certFile).c_str()) != 1) {
+        Trace(L"Sealkit: cannot load %s=%s: %s\n", certVar, certFile.c_str(), TakeOpenSslError().c_str());
         return false;
     }
     if (SSL_CTX_use_PrivateKey_file(ctx, ToUtf8(keyFile).c_str(), SSL_FILETYPE_PEM) != 1 ||
@@ -231,6 +233,24 @@ bool UseIdentityFiles(SSL_CTX* ctx, const Config& config)
         Trace(L"Sealkit: cannot load the key %s: %s\n", keyFile.c_str(), TakeOpenSslError().c_str());
         return false;
     }
+    return true;
+}
+
+// Mutual TLS, server side: with SEALKIT_CLIENT_CA every client must present a
+// certificate that those CAs vouch for.
+bool RequireClientCertificates(SSL_CTX* ctx, const Config& config)
+{
+    if (config.clientCaFile.empty())
+        return true;
+    std::string caFile = ToUtf8(config.clientCaFile);
+    STACK_OF(X509_NAME)* names = SSL_load_client_CA_file(caFile.c_str());
+    if (!names || SSL_CTX_load_verify_file(ctx, caFile.c_str()) != 1) {
+        sk_X509_NAME_pop_free(names, X509_NAME_free);
+        Trace(L"Sealkit: cannot load SEALKIT_CLIENT_CA=%s: %s\n", config.clientCaFile.c_str(), TakeOpenSslError().c_str());
+        return false;
+    }
+    SSL_CTX_set_client_CA_list(ctx, names);
+    SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, RefuseDisallowed);
     return true;
 }
 
@@ -249,7 +269,11 @@ SSL_CTX* NewClientContext(const Config& config)
         g_disallowed.swap(disallowed);
     }
     SSL_CTX_set_verify(ctx, config.verifyPeer ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, RefuseDisallowed);
-    if (!LoadTrust(ctx, config)) {
+    bool ok = LoadTrust(ctx, config) &&
+              ((config.clientCertFile.empty() && config.clientKeyFile.empty()) ||
+               UseIdentityFiles(ctx, config.clientCertFile, config.clientKeyFile, L"SEALKIT_CLIENT_CERT",
+                                L"SEALKIT_CLIENT_KEY"));
+    if (!ok) {
         SSL_CTX_free(ctx);
         return nullptr;
     }
@@ -266,8 +290,10 @@ SSL_CTX* NewServerContext(const Config& config)
     // No session tickets: nothing here resumes sessions, and the client would
     // otherwise find them in its first read.
     SSL_CTX_set_num_tickets(ctx, 0);
-    bool ok = config.certFile.empty() && config.keyFile.empty() ? UseEphemeralIdentity(ctx)
-                                                                 : UseIdentityFiles(ctx, config);
+    bool ok = config.certFile.empty() && config.keyFile.empty()
+                  ? UseEphemeralIdentity(ctx)
+                  : UseIdentityFiles(ctx, config.certFile, config.keyFile, L"SEALKIT_CERT", L"SEALKIT_KEY");
+    ok = ok && RequireClientCertificates(ctx, config);
     if (!ok) {
         SSL_CTX_free(ctx);
         return nullptr;

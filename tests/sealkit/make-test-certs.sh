@@ -2,6 +2,7 @@
 # Makes the certificates of the Sealkit tests and writes them into
 # test_certs.h as C string constants (the tests write them to temporary files).
 #   trusted CA  -> server certificate for "localhost" (and 127.0.0.1) + key
+#   trusted CA  -> client certificate (client auth) + key
 #   other CA    -> trusts nothing the server shows
 # Valid for 100 years, so the committed header doesn't expire.
 set -euo pipefail
@@ -24,6 +25,12 @@ printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\nbasicConstraints=CA:FALSE\nex
 openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 36500 -sha256 \
   -extfile ext.cnf -out server.pem 2>/dev/null
 
+ec client.key
+openssl req -new -key client.key -subj "/CN=Sealkit Test Client" -out client.csr
+printf 'basicConstraints=CA:FALSE\nextendedKeyUsage=clientAuth\n' > client.cnf
+openssl x509 -req -in client.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 36500 -sha256 \
+  -extfile client.cnf -out client.pem 2>/dev/null
+
 constant() {  # name file
   echo "const char* const $1 ="
   sed 's/.*/    "&\\n"/' "$2"
@@ -38,6 +45,8 @@ constant() {  # name file
   constant kOtherCaPem other.pem
   constant kServerCertPem server.pem
   constant kServerKeyPem server.key
+  constant kClientCertPem client.pem
+  constant kClientKeyPem client.key
   echo
   echo "#endif"
 } > "$here/test_certs.h"

@@ -150,3 +150,28 @@ TEST_F(SealkitTest, AFailedInitKeepsTheSettingsThatWork)
     OPENSSL_uninit();   // the owner that the failed client init opened
     SetSetting(L"SEALKIT_SERVER_NAME", nullptr);
 }
+
+TEST_F(SealkitTest, MutualTlsIsOffByDefaultAndRequiredWithAClientCa)
+{
+    struct {
+        const char* what;
+        bool requireClients;   // SEALKIT_CLIENT_CA on the server side
+        bool presentCert;      // SEALKIT_CLIENT_CERT/KEY on the client side
+        bool ok;
+    } cases[] = {
+        {"off by default", false, false, true},
+        {"required, and the client has none", true, false, false},
+        {"required, and the client presents one", true, true, true},
+    };
+    for (auto& c : cases) {
+        SetSetting(L"SEALKIT_CLIENT_CA", c.requireClients ? Files().ca.c_str() : nullptr);
+        SetSetting(L"SEALKIT_CLIENT_CERT", c.presentCert ? Files().clientCert.c_str() : nullptr);
+        SetSetting(L"SEALKIT_CLIENT_KEY", c.presentCert ? Files().clientKey.c_str() : nullptr);
+        Start();
+        {
+            TlsPair pair;
+            EXPECT_EQ(c.ok, pair.server != 0) << c.what;
+        }
+        Stop();
+    }
+}

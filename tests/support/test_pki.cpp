@@ -30,10 +30,13 @@ struct TempFiles {
         files.otherCa = WriteTempFile(L"other-ca.pem", kOtherCaPem);
         files.serverCert = WriteTempFile(L"server.pem", kServerCertPem);
         files.serverKey = WriteTempFile(L"server.key", kServerKeyPem);
+        files.clientCert = WriteTempFile(L"client.pem", kClientCertPem);
+        files.clientKey = WriteTempFile(L"client.key", kClientKeyPem);
     }
     ~TempFiles()
     {
-        for (const std::wstring* path : {&files.ca, &files.otherCa, &files.serverCert, &files.serverKey})
+        for (const std::wstring* path :
+             {&files.ca, &files.otherCa, &files.serverCert, &files.serverKey, &files.clientCert, &files.clientKey})
             DeleteFileW(path->c_str());
     }
 };
@@ -54,4 +57,7 @@ void UseTestCertificates()
     SetEnvironmentVariableW(L"SEALKIT_CA", files.ca.c_str());
     SetEnvironmentVariableW(L"SEALKIT_VERIFY", NULL);
     SetEnvironmentVariableW(L"SEALKIT_SERVER_NAME", NULL);
+    SetEnvironmentVariableW(L"SEALKIT_CLIENT_CA", NULL);
+    SetEnvironmentVariableW(L"SEALKIT_CLIENT_CERT", NULL);
+    SetEnvironmentVariableW(L"SEALKIT_CLIENT_KEY", NULL);
 }

@@ -1,12 +1,12 @@
 // The tests' certificates (a test CA, a server certificate for localhost and
-// 127.0.0.1 signed by it, and another CA), written to temporary files once.
+// 127.0.0.1 and a client certificate signed by it, and another CA), written to temporary files once.
 #ifndef WISOCK_TESTS_TEST_PKI_H
 #define WISOCK_TESTS_TEST_PKI_H
 
 #include <string>
 
 struct TestFiles {
-    std::wstring ca, otherCa, serverCert, serverKey;
+    std::wstring ca, otherCa, serverCert, serverKey, clientCert, clientKey;
 };
 const TestFiles& Files();
 
