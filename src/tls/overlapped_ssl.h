@@ -76,6 +76,8 @@ private:
     // Worker.
     void OnPortCompletion(COverlappedInfo* pInfo);
     bool OnPortFailure(COverlappedInfo* pInfo, int nErrorCode, int nWSAGetLastError, CString& strTrace);
+    void StartHandshake(COverlappedInfo* pInfo);
+    static DWORD WINAPI HandshakeJob(void* pContext);
     void RunHandshake(COverlappedInfo* pInfo);
     bool EnterConnectedMap();
     // Close.

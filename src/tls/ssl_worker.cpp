@@ -83,7 +83,41 @@ void COverlappedSSL::OnPortCompletion(COverlappedInfo* pInfo)
         lock.Unlock();
         return;
     }
-    RunHandshake(pInfo);
+    StartHandshake(pInfo);
+}
+
+namespace {
+
+struct CHandshakeJob {
+    std::shared_ptr<COverlappedSSL> spSocket;
+    COverlappedInfo* pInfo;
+};
+
+}  // namespace
+
+// A handshake waits for the peer, up to its bound: on a worker, a few silent
+// peers would hold every worker and stall every other connection of the
+// factory. It runs on a pool thread instead, counted as an operation, so that
+// Destory waits for it.
+void COverlappedSSL::StartHandshake(COverlappedInfo* pInfo)
+{
+    CHandshakeJob* pJob = new CHandshakeJob{std::static_pointer_cast<COverlappedSSL>(shared_from_this()), pInfo};
+    m_spFactory->OperationIssued();
+    if (QueueUserWorkItem(HandshakeJob, pJob, WT_EXECUTELONGFUNCTION))
+        return;
+    m_spFactory->OperationCompleted();
+    delete pJob;
+    RunHandshake(pInfo);   // no pool thread to be had: on this worker, as before
+}
+
+DWORD WINAPI COverlappedSSL::HandshakeJob(void* pContext)
+{
+    CHandshakeJob* pJob = static_cast<CHandshakeJob*>(pContext);
+    std::shared_ptr<COverlappedSocketFactory> spFactory = pJob->spSocket->m_spFactory;
+    pJob->spSocket->RunHandshake(pJob->pInfo);
+    delete pJob;   // may end the socket (OnDelete) here
+    spFactory->OperationCompleted();
+    return 0;
 }
 
 void COverlappedSSL::RunHandshake(COverlappedInfo* pInfo)

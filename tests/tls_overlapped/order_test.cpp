@@ -206,3 +206,18 @@ TEST_F(TlsOrder, OnCloseTellsACleanTlsCloseFromATruncatedOne)
             OPENSSL_shutdown(hSSL);   // frees the handle
     }
 }
+
+// More silent peers (TCP connected, no handshake) than the factory has
+// workers: a real client that comes after them still gets its handshake at
+// once, not after the silent ones have run out their 10 s bound.
+TEST_F(TlsOrder, SilentPeersDontHoldUpARealClient)
+{
+    std::vector<SOCKET> silent;
+    for (int i = 0; i < m_spFactory->GetWorkThreadCount() + 2; ++i)
+        silent.push_back(ConnectLoopback(m_nPort));
+    SocketPtr spSocket = ConnectClient(m_spClient);
+    ASSERT_TRUE(m_spClient->connects.WaitAtLeast(1, "the real client's OnConnect while silent peers wait",
+                                                 std::chrono::seconds(5)));
+    for (SOCKET s : silent)
+        closesocket(s);
+}
