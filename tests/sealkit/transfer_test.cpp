@@ -1,5 +1,6 @@
 // Handshakes and data: byte-exact transfers both ways, would-block and partial
 // writes, reads of size 0, the library's pending bytes, the peer's close.
+#include "openssl_peer.h"
 #include "tls_harness.h"
 
 #include <thread>
@@ -199,3 +200,25 @@ TEST_F(SealkitTest, BadHandlesAndArgumentsFailClearly)
 }
 
 }  // namespace
+
+// A TLS 1.3 server that asks for a key update right after the handshake:
+// the client reads through it (answering with its own update) and writes on.
+TEST_F(SealkitTest, KeyUpdateFromThePeerIsReadThroughAndAnswered)
+{
+    Start();
+    SocketPair sockets;
+    std::string message = "after the key update";
+    std::string cert(Files().serverCert.begin(), Files().serverCert.end());
+    std::string key(Files().serverKey.begin(), Files().serverKey.end());
+    bool serverOk = false;
+    std::thread server([&] { serverOk = OpenSslServerWithKeyUpdate(sockets.server, cert.c_str(), key.c_str(), message); });
+    HSSL client = OPENSSL_connect(sockets.client);
+    ASSERT_NE(0u, client);
+    std::vector<char> received;
+    EXPECT_TRUE(ReadAll(client, sockets.client, received, message.size()));
+    EXPECT_EQ(message, std::string(received.begin(), received.end()));
+    EXPECT_TRUE(WriteAll(client, sockets.client, received));
+    server.join();
+    EXPECT_TRUE(serverOk) << "the server got its message back under the new keys";
+    OPENSSL_shutdown(client);
+}
