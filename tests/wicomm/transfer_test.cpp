@@ -253,6 +253,36 @@ TEST_F(TransferTest, TlsBlocksOfExactlyTwoAndOne)
     ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()).size() == 8194; }, "8194 bytes"));
 }
 
+// A TLS peer that closes TCP after the close alert, and one that closes TCP
+// alone (data may have been cut off): only the second gives OnError(READ).
+TEST_F(TransferTest, TlsPeerCloseWithoutTheCloseAlertGivesAReadErrorBeforeOnClose)
+{
+    Recorder& srv = Rec();
+    listener = Listen(&srv, 1);
+    ASSERT_TRUE(listener);
+    int closes = 0;
+    for (bool alert : {true, false}) {
+        SOCKET raw = ConnectLoopback(m_port);
+        ASSERT_NE(INVALID_SOCKET, raw);
+        HSSL hSSL = OPENSSL_connect(raw);
+        ASSERT_NE(0u, hSSL);
+        ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == closes + 2; }, "the accepted object opened"));
+        CommPtr accepted = srv.LastOpened();
+        if (alert)
+            OPENSSL_shutdown(hSSL);
+        closesocket(raw);
+        ++closes;
+        ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("close") == closes; }, "OnClose of the accepted object"));
+        std::vector<std::string> want = alert ? std::vector<std::string>{"open", "close"}
+                                              : std::vector<std::string>{"open", "error:3:10054", "close"};
+        EXPECT_EQ(want, srv.Kinds(accepted.get())) << (alert ? "clean close" : "truncated close");
+        if (!alert)
+            OPENSSL_shutdown(hSSL);
+        OnWindow([&] { accepted->Close(); });
+    }
+    srv.Forget();
+}
+
 TEST_F(TransferTest, TlsHandshakeFailureOnBothSides)
 {
     // The server speaks TLS, the client plain: the server's handshake fails.
