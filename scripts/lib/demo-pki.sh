@@ -5,11 +5,14 @@
 # that servers show a certificate the clients can check, with verification on.
 #   source scripts/lib/demo-pki.sh; demo_pki_export <folder>
 demo_pki_make() {
-  local dir=$1
+  local dir=$1 tmp
   [ -s "$dir/server.pem" ] && return 0
-  mkdir -p "$dir"
+  # Made aside and renamed into place: tests running side by side may both
+  # come here, and none may read a half-written file.
+  mkdir -p "$(dirname "$dir")"
+  tmp=$(mktemp -d "$dir.XXXXXX")
   (
-    cd "$dir"
+    cd "$tmp"
     openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ca.key 2>/dev/null
     openssl req -x509 -new -key ca.key -sha256 -days 3650 -subj "/CN=wisock demo CA" \
       -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign,cRLSign" -out ca.pem
@@ -18,7 +21,9 @@ demo_pki_make() {
     printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n' > ext.cnf
     openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 3650 -sha256 \
       -extfile ext.cnf -out server.pem 2>/dev/null
-  )
+  ) || { rm -rf "$tmp"; return 1; }
+  mv -T "$tmp" "$dir" 2>/dev/null || rm -rf "$tmp"   # another run got there first
+  [ -s "$dir/server.pem" ]
 }
 
 demo_pki_export() {
