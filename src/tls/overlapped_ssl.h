@@ -72,7 +72,6 @@ private:
     // Receive path (caller holds m_csLock).
     bool ReadPass(int& nError);
     bool HasMoreToRead();
-    int PeerCloseError();
     // Worker.
     void OnPortCompletion(COverlappedInfo* pInfo);
     bool OnPortFailure(COverlappedInfo* pInfo, int nErrorCode, int nWSAGetLastError, CString& strTrace);

@@ -5,6 +5,7 @@
 #include "module/scope_lock.h"
 #include "overlapped/socket_notify_call.h"
 #include "tls/overlapped_ssl.h"
+#include "tls/tls_peer_close.h"
 
 namespace {
 
@@ -120,26 +121,10 @@ void COverlappedSSL::OnClose(int nErrorCode)
             return;
         // Close reports the end with what it was: 0 for a clean TLS close, the
         // library's error for a close without the close alert (10054) or a break.
-        m_nPeerCloseError = nErrorCode != 0 ? nErrorCode : PeerCloseError();
+        m_nPeerCloseError = nErrorCode != 0 ? nErrorCode : TlsPeerCloseError(m_hSSL);
     }
     if (nErrorCode != 0)
         WiTrace(L"COverlappedSSL::OnClose (Error = %d ), spSocket = %p\n", nErrorCode, this);
     Close();
 }
 
-// Caller holds m_csLock. After the peer's close: 0 if it was a clean TLS
-// close, WSAECONNRESET if TCP closed without the close alert (data may have
-// been cut off), else the connection's error.
-int COverlappedSSL::PeerCloseError()
-{
-    char byte;
-    for (int i = 0; i < 2; ++i) {
-        int nResult = OPENSSL_read(m_hSSL, &byte, 0);
-        int nError = WSAGetLastError();
-        if (nError == WSAEDISCON || nError == WSAEWOULDBLOCK)
-            return 0;
-        if (nResult < 0)
-            return nError;
-    }
-    return 0;
-}

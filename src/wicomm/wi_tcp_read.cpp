@@ -6,6 +6,7 @@
 
 #include "module/debug_trace.h"
 #include "module/scope_lock.h"
+#include "tls/tls_peer_close.h"
 
 namespace {
 
@@ -179,18 +180,10 @@ bool CWiTcp::ReportTruncatedClose()
 {
     if (!IsTls())
         return true;
-    int nError = 0;
+    int nError;
     {
         CScopeLock lock(m_csComm);
-        char byte;
-        for (int i = 0; i < 2 && m_hSSL != 0 && nError == 0; ++i) {
-            int nResult = OPENSSL_read(m_hSSL, &byte, 0);
-            int nLast = WSAGetLastError();
-            if (nLast == WSAEDISCON || nLast == WSAEWOULDBLOCK)
-                break;
-            if (nResult < 0)
-                nError = nLast;
-        }
+        nError = TlsPeerCloseError(m_hSSL);
     }
     if (nError != WSAECONNRESET)
         return true;
