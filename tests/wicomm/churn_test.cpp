@@ -1,0 +1,165 @@
+// Many connections ended every way at once, plain and TLS: the peer closes
+// (with or without the TLS close alert) or resets, another application thread
+// writes, sets time-outs and closes, and the window thread closes inside
+// OnReadComplete and OnClose. Every object that opened gets exactly one
+// OnClose, and nothing of the stack is left after Cleanup.
+#include <atomic>
+#include <cstdlib>
+#include <deque>
+#include <map>
+#include <thread>
+
+#include "comm_harness.h"
+#include "support/leak.h"
+
+namespace {
+
+class ChurnTest : public WiCommTest {};
+
+// An application thread that works on objects the window thread owns.
+class AppThread {
+public:
+    ~AppThread()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_wake.notify_one();
+        m_thread.join();
+    }
+    void Add(CommPtr sp, int n)
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_work.emplace_back(std::move(sp), n);
+        }
+        m_wake.notify_one();
+    }
+
+private:
+    void Run()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        for (;;) {
+            m_wake.wait(lock, [this] { return m_stop || !m_work.empty(); });
+            if (m_work.empty())
+                return;
+            auto item = std::move(m_work.front());
+            m_work.pop_front();
+            lock.unlock();
+            item.first->Write("from another thread", 19);
+            item.first->SetTimeouts(item.second % 2 ? 50 : 0, 0, 0, 512);
+            if (item.second % 3 == 0)
+                item.first->Close();
+            item.first.reset();
+            lock.lock();
+        }
+    }
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::deque<std::pair<CommPtr, int>> m_work;
+    bool m_stop = false;
+    std::thread m_thread{[this] { Run(); }};
+};
+
+// Peers on two threads: each connects, sends a message and goes, one in
+// four with a reset, one in four (TLS) after the close alert.
+void RunPeers(unsigned short port, bool tls, int connections)
+{
+    std::atomic<int> next(0);
+    auto peer = [&] {
+        for (int i = next++; i < connections; i = next++) {
+            SOCKET s = ConnectLoopback(port);
+            if (s == INVALID_SOCKET)
+                continue;
+            HSSL hSSL = tls ? OPENSSL_connect(s) : 0;
+            std::string message = "message " + std::to_string(i);
+            if (hSSL != 0)
+                OPENSSL_write(hSSL, message.data(), (int)message.size());
+            else if (!tls)
+                send(s, message.data(), (int)message.size(), 0);
+            if (i % 4 == 0) {
+                linger l = {1, 0};
+                setsockopt(s, SOL_SOCKET, SO_LINGER, (const char*)&l, sizeof(l));
+            } else if (hSSL != 0 && i % 4 == 1) {
+                OPENSSL_shutdown(hSSL);
+                hSSL = 0;
+            }
+            closesocket(s);
+            if (hSSL != 0)
+                OPENSSL_shutdown(hSSL);
+        }
+    };
+    std::thread a(peer), b(peer);
+    a.join();
+    b.join();
+}
+
+// Opens and closes of each object, per lifetime of an address: "oc" for an
+// object that opened, "c" for one whose peer was gone before it could open.
+std::vector<std::string> Lives(const Recorder& srv, CWiComm* pListener)
+{
+    std::map<CWiComm*, std::string> life;
+    std::vector<std::string> lives;
+    for (const CommEvent& e : srv.Events()) {
+        if (e.pComm == pListener || (e.kind != "open" && e.kind != "close"))
+            continue;
+        std::string& l = life[e.pComm];
+        l += e.kind[0];
+        if (e.kind == "close") {
+            lives.push_back(l);
+            l.clear();
+        }
+    }
+    for (auto& entry : life)
+        if (!entry.second.empty())
+            lives.push_back(entry.second);
+    return lives;
+}
+
+int ChurnConnections()
+{
+    const char* count = std::getenv("WISOCK_CHURN_CONNECTIONS");
+    return count != nullptr ? std::atoi(count) : 200;
+}
+
+}  // namespace
+
+TEST_F(ChurnTest, EveryEndingGivesOneOnCloseAndCleanupLeavesNothing)
+{
+    const long handles = ProcessHandleCount();
+    for (int mode : {-1, 1}) {
+        Recorder& srv = Rec();
+        AppThread app;
+        std::atomic<int> opened(0);
+        srv.onOpen = [&](CommPtr sp) {
+            if (Narrow(sp->GetOpenOption()).find("C:") == 0)
+                app.Add(sp, opened++);
+        };
+        srv.onRead = [&](const void*, int, CommPtr sp) {
+            if (opened % 5 == 2)
+                sp->Close();   // on the window thread, inside the delivery
+        };
+        srv.onClose = [](CommPtr sp) { sp->Close(); };   // the application ends what its peer ended
+        listener = Listen(&srv, mode);
+        ASSERT_TRUE(listener);
+        RunPeers(m_port, mode == 1, ChurnConnections());
+        EXPECT_TRUE(srv.WaitFor(
+            [&] {
+                for (const std::string& l : Lives(srv, listener.get()))
+                    if (l != "oc" && l != "c")
+                        return false;
+                return true;
+            },
+            "one OnClose for every object that opened", std::chrono::seconds(20)));
+        for (const std::string& l : Lives(srv, listener.get()))
+            EXPECT_TRUE(l == "oc" || l == "c") << "opens and closes of one object: " << l << ", mode " << mode;
+        OnWindow([&] { listener->Close(); });
+        listener.reset();
+        srv.Forget();
+    }
+    OnWindow([] { CWiComm::Cleanup(); });
+    EXPECT_TRUE(Eventually([&] { return ProcessHandleCount() <= handles; }, "handles back after Cleanup"))
+        << ProcessHandleCount() << " handles, baseline " << handles;
+}
