@@ -27,6 +27,10 @@ CCriticalSection CWiComm::ms_csCommSet;
 CWiComm::CommMap CWiComm::ms_ActiveComm;
 CWiComm::CommMap CWiComm::ms_DeadComm;
 
+namespace {
+std::atomic<bool> g_bStopping(false);
+}
+
 CWiComm::CWiComm()
     : m_nClassID(CLASSID_INVALID), m_pNotifyObject(nullptr), m_dwTimeout1(0), m_dwTimeout2(0), m_dwTimeout3(0),
       m_dwBytesTimeout(0), m_bCloseNotified(0), m_bDeleting(0), m_bInReadNotify(0), m_nSSLMode(-1),
@@ -131,10 +135,14 @@ void CWiComm::ReleaseObjectsStillOpen()
             open.push_back(entry.second);
     }
     // m_csComm of each object is taken without ms_csCommSet held.
+    g_bStopping = true;
     for (auto& spComm : open)
         if (spComm->IsKindOf(RUNTIME_CLASS(CWiTcp)))
-            static_cast<CWiTcp*>(spComm.get())->ReleaseAtCleanup();
+            static_cast<CWiTcp*>(spComm.get())->ReleaseOnWindowThread();
+    g_bStopping = false;
 }
+
+bool CWiComm::IsStopping() { return g_bStopping; }
 
 // ---- registry -------------------------------------------------------------
 

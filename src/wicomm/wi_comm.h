@@ -98,6 +98,9 @@ protected:
     static CommMap ms_ActiveComm;
     static CommMap ms_DeadComm;
 
+    // True while Cleanup releases the objects still open.
+    static bool IsStopping();
+
 private:
     static void DropFailedObject(const std::shared_ptr<CWiComm>& spComm);
     static void ReleaseObjectsStillOpen();

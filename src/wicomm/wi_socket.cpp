@@ -194,6 +194,12 @@ LRESULT CALLBACK CWiSocket::WndProc(HWND hWnd, UINT nMessage, WPARAM wParam, LPA
         case WM_WISOCKET_NOTIFY:
             spSocket->OnSocketNotify(wParam, lParam);
             return 0;
+        case WM_CLOSE:
+            if (IsStopping() && spSocket->IsKindOf(RUNTIME_CLASS(CWiTcp))) {
+                static_cast<CWiTcp*>(spSocket.get())->ReleaseAtCleanup();
+                return CWiTcp::RELEASED_AT_CLEANUP;
+            }
+            return DefWindowProcW(hWnd, nMessage, wParam, lParam);
         case WM_WISOCKET_CLOSE:
             if ((SOCKET)wParam == spSocket->m_hSocket && lParam == 32)
                 spSocket->CloseProcess();

@@ -108,6 +108,13 @@ private:
     // Stack stop with the object still open: frees socket, TLS handle,
     // buffers and window without any notification (CWiComm::Cleanup).
     void ReleaseAtCleanup();
+    // The same, carried out by the object's window thread between two of its
+    // messages; the caller waits for it.
+    void ReleaseOnWindowThread();
+
+public:
+    // WM_CLOSE answer that says the window thread released the object.
+    static const LRESULT RELEASED_AT_CLEANUP = 0x5743;
 };
 
 #endif

@@ -137,6 +137,26 @@ bool CWiTcp::HandshakeAsServer(SOCKET hAccepted)
     return m_hSSL != 0;
 }
 
+// Cleanup on an application thread must not free buffers under a running
+// delivery, nor end a TLS handle while the window thread writes on it: the
+// window thread does the release itself. A window thread that has ended, or
+// that runs no message loop for the whole wait, is released from here.
+void CWiTcp::ReleaseOnWindowThread()
+{
+    const UINT kWaitMs = 10000;
+    HWND hWnd = NULL;
+    {
+        CScopeLock lock(m_csComm);
+        hWnd = m_hWnd;
+    }
+    DWORD_PTR nAnswer = 0;
+    if (hWnd != NULL && !OnWindowThread() &&
+        SendMessageTimeoutW(hWnd, WM_CLOSE, 0, 0, SMTO_NORMAL, kWaitMs, &nAnswer) != 0 &&
+        nAnswer == (DWORD_PTR)RELEASED_AT_CLEANUP)
+        return;
+    ReleaseAtCleanup();
+}
+
 void CWiTcp::ReleaseAtCleanup()
 {
     CScopeLock lock(m_csComm);

@@ -1,5 +1,7 @@
 // Closing: from the window thread, from another thread, twice, inside
 // OnClose, while connecting, and on a listener.
+#include <thread>
+
 #include "comm_harness.h"
 
 namespace {
@@ -96,6 +98,47 @@ TEST_F(CloseTest, PostedCloseWithAStaleSocketIsIgnored)
     OnWindow([&] { SendMessageW(TcpPeek::Window(client), WM_WISOCKET_CLOSE, (WPARAM)TcpPeek::Socket(client), 31); });
     EXPECT_EQ(1, CWiComm::IsValidObject(client.get()));
     EXPECT_EQ(0, cli.Count("close"));
+}
+
+// Cleanup on an application thread while a window thread is inside a
+// delivery: the objects are released by their own window threads, so Cleanup
+// returns only after the delivery. The delivery waits 2 s for Cleanup to return.
+TEST_F(CloseTest, CleanupFromAnotherThreadWaitsTwoSecondsForADeliveryToEnd)
+{
+    for (int nMode : {-1, 1}) {
+        SCOPED_TRACE(nMode == 1 ? "TLS" : "plain");
+        if (nMode == 1)
+            OnWindow([] { ASSERT_EQ(1, CWiComm::Startup()); });
+        Recorder& srv = Rec();
+        Recorder& cli = Rec();
+        Pair(srv, cli, nMode, nMode == 1 ? 0 : -1);
+        TestEvent inDelivery, cleanupReturned;
+        std::atomic<bool> returnedUnderDelivery(false);
+        cli.onRead = [&](const void*, int, CommPtr spComm) {
+            inDelivery.Set();
+            spComm->Write("more", 4);
+            if (cleanupReturned.Wait("Cleanup (expected to wait)", std::chrono::seconds(2)))
+                returnedUnderDelivery = true;
+            spComm->Write("more", 4);
+        };
+        accepted->Write("x", 1);
+        ASSERT_TRUE(inDelivery.Wait("OnReadComplete of the client"));
+        std::thread stopper([&] {
+            CWiComm::Cleanup();
+            cleanupReturned.Set();
+        });
+        EXPECT_TRUE(cleanupReturned.Wait("Cleanup from an application thread", std::chrono::seconds(15)));
+        stopper.join();
+        EXPECT_FALSE(returnedUnderDelivery) << "Cleanup returned while the window thread was inside OnReadComplete";
+        EXPECT_EQ(0, CWiComm::IsValidObject(client.get()));
+        EXPECT_EQ(INVALID_SOCKET, TcpPeek::Socket(client));
+        EXPECT_EQ(INVALID_SOCKET, TcpPeek::Socket(accepted));
+        EXPECT_EQ(0, cli.Count("close")) << "Cleanup notifies nothing";
+        cli.onRead = nullptr;
+        client.reset();
+        accepted.reset();
+        listener.reset();
+    }
 }
 
 }  // namespace
