@@ -90,6 +90,10 @@ TEST(CWiSockAddrTest, AssignmentsDropTheCacheAndSelfAssignmentKeepsIt)
     EXPECT_EQ(nullptr, addr.Cache());
     EXPECT_EQ(80, Port(addr)) << "the address form keeps the port";
     EXPECT_STREQ(L"10.0.0.1", addr.ToString());
+    addr = addr.ToString() + 1;   // a text inside its own cache: "0.0.0.1"
+    EXPECT_EQ(1ul, (unsigned long)addr) << "the cache was freed before its text was read";
+    EXPECT_STREQ(L"0.0.0.1", addr.ToString());
+    addr = 0x0A000001ul;
 
     CWiSockAddr other(0xC0A80001, 1);
     addr = other;
