@@ -201,6 +201,38 @@ TEST_F(TransferTest, PartialSendsUnderAFullSocketBufferLoseNothing)
         << "no partial send happened: " << lengths.size() << " notifications";
 }
 
+// A message loop inside OnWriteComplete of a partial send dispatches the
+// next FD_WRITE (and the peer's reads, which run on this thread too): the
+// unsent rest leaves before a write made later.
+TEST_F(TransferTest, MessageLoopInsideOnWriteCompleteKeepsTheWriteOrder)
+{
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    Pair(srv, cli);
+    int sndbuf = 8192;
+    setsockopt(TcpPeek::Socket(client), SOL_SOCKET, SO_SNDBUF, (char*)&sndbuf, sizeof(sndbuf));
+    std::vector<char> first = Pattern(256 << 10, 5);
+    const std::string second = "the second write";
+    bool bPumped = false;
+    TestEvent pumpEnded;   // the test's tasks for the window thread wait for the inner loop to end
+    cli.onWrite = [&](int nSent, CommPtr sp) {
+        if (bPumped || nSent >= (int)first.size())
+            return;
+        bPumped = true;
+        sp->Write(second.data(), (unsigned long)second.size());
+        EXPECT_TRUE(PumpUntil([&] { return srv.Data(accepted.get()).size() > (size_t)nSent; },
+                              "the peer reading past the partial send"));
+        pumpEnded.Set();
+    };
+    OnWindow([&] { client->Write(first.data(), (unsigned long)first.size()); });
+    const size_t total = first.size() + second.size();
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()).size() == total; }, "both writes read"));
+    ASSERT_TRUE(pumpEnded.Wait("the message loop inside OnWriteComplete (the first send was not partial?)"));
+    ASSERT_TRUE(bPumped);
+    EXPECT_TRUE(srv.Data(accepted.get()) == std::string(first.begin(), first.end()) + second)
+        << "the writes arrived out of order";
+}
+
 TEST_F(TransferTest, CloseInsideOnWriteCompleteIsTheLastNotification)
 {
     Recorder& srv = Rec();
