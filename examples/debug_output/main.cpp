@@ -4,6 +4,7 @@
 //
 //   example_debug_output.exe wisock_demo.exe [arguments...]
 #include <windows.h>
+#include <shellapi.h>   // CommandLineToArgvW, also under WIN32_LEAN_AND_MEAN
 
 #include <cstdio>
 #include <string>

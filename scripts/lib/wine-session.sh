@@ -64,3 +64,18 @@ project_build() {
   fi
   cmake --build "$build_dir" -j "${BUILD_JOBS:-2}"
 }
+
+# Configures and builds the MSVC-ABI build in $2 with clang-cl and the msvc-kit
+# (MSVC_KIT, MSVC_KIT_OUT), linking the sealkit.dll built by mingw ($3).
+project_build_msvc() {
+  local root=$1 build_dir=$2 sealkit_dll=$3
+  if [ ! -f "$build_dir/build.ninja" ]; then
+    cmake -S "$root" -B "$build_dir" -G Ninja \
+      -DCMAKE_TOOLCHAIN_FILE="$root/cmake/clang-cl-msvc-kit.cmake" \
+      -DMSVC_KIT="$MSVC_KIT" -DMSVC_KIT_OUT="$MSVC_KIT_OUT" \
+      -DWISOCK_SEALKIT_DLL="$sealkit_dll" >"$build_dir.configure.log" 2>&1 \
+      || { cat "$build_dir.configure.log"; return 1; }
+  fi
+  cmake --build "$build_dir" -j "${BUILD_JOBS:-2}"
+}
+

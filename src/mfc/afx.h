@@ -9,6 +9,12 @@
 
 #include "module/export.h"
 
+#ifdef WISOCK_USE_SYSTEM_MFC
+// Built as an MFC extension DLL (_AFXDLL, _AFXEXT) against Visual Studio's
+// MFC: the classes come from the MFC runtime DLL (docs/building.md).
+#include <afxwin.h>   // CObject, CString, CException, CDynLinkLibrary, AfxInitExtensionModule
+#include <afxmt.h>    // CCriticalSection
+#else
 #ifndef AFXAPI
 #define AFXAPI __stdcall
 #endif
@@ -21,5 +27,6 @@
 #include "mfc/cexception.h"
 #include "mfc/ccriticalsection.h"
 #include "mfc/extension_module.h"
+#endif
 
 #endif

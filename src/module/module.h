@@ -5,10 +5,14 @@
 
 #include "mfc/afx.h"
 
+// Both are looked up by name (GetProcAddress), so their names are C names in
+// every ABI; the MSVC ABI would otherwise mangle them.
+extern "C" {
 // Private heap for every record buffer of the completion-port stack.
 extern WISOCK_API HANDLE g_hModuleHeap;
 // The instance handle of wisock.dll (owner of the notification windows).
 extern WISOCK_API HINSTANCE g_hModuleInstance;
+}
 extern WISOCK_API AFX_EXTENSION_MODULE g_extensionModule;
 
 #endif

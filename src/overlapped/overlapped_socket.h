@@ -5,6 +5,7 @@
 
 #include <winsock2.h>
 #include <windows.h>
+#include <oleauto.h>   // DATE, also where WIN32_LEAN_AND_MEAN leaves it out
 
 #include <list>
 #include <memory>

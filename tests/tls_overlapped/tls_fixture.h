@@ -35,7 +35,7 @@ struct Notification {
 };
 
 // Records notifications; hooks run inside the notification, on its thread.
-class Recorder : public ISocketNotifyObject {
+class Recorder final : public ISocketNotifyObject {
 public:
     std::function<void(int, SocketPtr)> onConnect;
     std::function<void(const void*, int, SocketPtr)> onReceive;

@@ -30,7 +30,7 @@ struct CommEvent {
     DWORD nThread;
 };
 
-class Recorder : public ICommNotifyObject {
+class Recorder final : public ICommNotifyObject {
 public:
     std::function<void(CommPtr)> onOpen, onClose;
     std::function<void(const void*, int, CommPtr)> onRead;
