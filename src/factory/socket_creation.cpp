@@ -4,16 +4,25 @@
 
 #include <mswsock.h>
 
+#include "module/ip_address.h"
 #include "module/scope_lock.h"
 #include "overlapped/local_time.h"
 
 namespace {
 
-const DWORD kAcceptAddressLength = 32;
+// Room for either family's address, as AcceptEx wants it (16 bytes more).
+const DWORD kAcceptAddressLength = sizeof(sockaddr_in6) + 16;
 
-SOCKET NewOverlappedSocket()
+// The family of the address a socket is made for: IPv6 when the text is an
+// IPv6 address, else IPv4 (also without a text, and for a bad text, which
+// Bind then refuses).
+int FamilyOfText(const wchar_t* pszAddress)
 {
-    return WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, NULL, 0, WSA_FLAG_OVERLAPPED);
+    sockaddr_storage address;
+    int nLength = 0;
+    if (pszAddress == NULL || !IpAddressFromText(pszAddress, 0, address, nLength))
+        return AF_INET;
+    return address.ss_family;
 }
 
 }  // namespace
@@ -43,7 +52,7 @@ std::shared_ptr<COverlappedSocket> COverlappedSocketFactory::CreateSocket(
     std::shared_ptr<COverlappedSocket> spSocket = CreateSocket();
     if (!spNotifyObject || !spSocket)
         return std::shared_ptr<COverlappedSocket>();
-    SOCKET hSocket = NewOverlappedSocket();
+    SOCKET hSocket = NewTcpSocket(FamilyOfText(pszAddress), WSA_FLAG_OVERLAPPED);
     if (hSocket == INVALID_SOCKET)
         return std::shared_ptr<COverlappedSocket>();
     if (CreateIoCompletionPort(reinterpret_cast<HANDLE>(hSocket), m_hCompletionPort, static_cast<ULONG_PTR>(hSocket),
@@ -130,7 +139,8 @@ std::shared_ptr<COverlappedSocket> COverlappedSocketFactory::CreateSocket(
     if (WSAIoctl(spListenSocket->m_hSocket, SIO_GET_EXTENSION_FUNCTION_POINTER, &guid, sizeof(guid), &pfnAcceptEx,
                  sizeof(pfnAcceptEx), &dwBytes, NULL, NULL) == SOCKET_ERROR)
         return std::shared_ptr<COverlappedSocket>();
-    SOCKET hSocket = NewOverlappedSocket();
+    // The accepted connection is of the listener's family.
+    SOCKET hSocket = NewTcpSocket(SocketFamily(spListenSocket->m_hSocket), WSA_FLAG_OVERLAPPED);
     if (hSocket == INVALID_SOCKET)
         return std::shared_ptr<COverlappedSocket>();
     spSocket->m_hSocket = hSocket;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "factory/overlapped_socket_factory.h"
+#include "module/ip_address.h"
 #include "module/scope_lock.h"
 #include "overlapped/socket_notify_call.h"
 
@@ -16,7 +17,7 @@ namespace {
 
 const DWORD kMinSendPacketSize = 100;
 const DWORD kMaxSendPacketSize = 0x100000;
-const DWORD kAcceptAddressLength = 32;
+const DWORD kAcceptAddressLength = sizeof(sockaddr_in6) + 16;   // as the accept was issued
 
 }  // namespace
 
@@ -175,9 +176,10 @@ int COverlappedSocket::StoredPeerName(sockaddr* pAddress, int* pLength)
     int nStored = 0;
     std::memcpy(&pMark, m_byAddressArea, sizeof(pMark));
     std::memcpy(&nStored, m_byAddressArea + sizeof(pMark), sizeof(nStored));
-    if (pMark != this || nStored != (int)sizeof(sockaddr_in) || static_cast<unsigned>(*pLength) < sizeof(sockaddr_in))
+    if (pMark != this || (nStored != (int)sizeof(sockaddr_in) && nStored != (int)sizeof(sockaddr_in6)) ||
+        *pLength < nStored)
         return 0;
-    std::memcpy(pAddress, m_byAddressArea + sizeof(pMark) + sizeof(nStored), sizeof(sockaddr_in));
+    std::memcpy(pAddress, m_byAddressArea + sizeof(pMark) + sizeof(nStored), static_cast<size_t>(nStored));
     return 1;
 }
 
@@ -228,12 +230,13 @@ int COverlappedSocket::GetSockName(sockaddr* pAddress, int* pLength)
 
 namespace {
 
-int TextName(int nResult, const sockaddr_in& address, CString& strAddress, unsigned int& nPort)
+int TextName(int nResult, const sockaddr_storage& address, CString& strAddress, unsigned int& nPort)
 {
     if (!nResult)
         return 0;
-    nPort = ntohs(address.sin_port);
-    strAddress = inet_ntoa(address.sin_addr);
+    const sockaddr* pAddress = reinterpret_cast<const sockaddr*>(&address);
+    nPort = IpPort(pAddress);
+    strAddress = IpAddressText(pAddress);
     return 1;
 }
 
@@ -241,14 +244,14 @@ int TextName(int nResult, const sockaddr_in& address, CString& strAddress, unsig
 
 int COverlappedSocket::GetPeerName(CString& strAddress, unsigned int& nPort)
 {
-    sockaddr_in address = {};
+    sockaddr_storage address = {};
     int nLength = sizeof(address);
     return TextName(GetPeerName(reinterpret_cast<sockaddr*>(&address), &nLength), address, strAddress, nPort);
 }
 
 int COverlappedSocket::GetSockName(CString& strAddress, unsigned int& nPort)
 {
-    sockaddr_in address = {};
+    sockaddr_storage address = {};
     int nLength = sizeof(address);
     return TextName(GetSockName(reinterpret_cast<sockaddr*>(&address), &nLength), address, strAddress, nPort);
 }

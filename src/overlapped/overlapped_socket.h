@@ -191,6 +191,8 @@ private:
     bool ReleaseIfClosed(COverlappedInfo* pInfo, std::shared_ptr<COverlappedSocket>& spReleased);
     int IssueSend(COverlappedInfo* pInfo, int nFlags);
     int ConnectRefusal();
+    int TakeFamilyOf(const sockaddr* pAddress);
+    void RekeyOpenSocket(SOCKET hOld, SOCKET hNew);
     COverlappedInfo* TakeSendRecord(int* pbNoMemory);
     void DestroySendRecords();
     int StoredPeerName(sockaddr* pAddress, int* pLength);

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "factory/overlapped_socket_factory.h"
+#include "module/ip_address.h"
 #include "module/scope_lock.h"
 
 namespace {
@@ -91,24 +92,81 @@ int COverlappedSocket::Bind(const sockaddr* pAddress, int nLength)
 
 int COverlappedSocket::Bind(unsigned int nPort, const wchar_t* pszAddress)
 {
-    std::string strAddress;
-    if (pszAddress != NULL && !ToNarrow(pszAddress, strAddress)) {
-        WSASetLastError(WSA_NOT_ENOUGH_MEMORY);
+    sockaddr_storage address;
+    int nLength = 0;
+    if (pszAddress == NULL)
+        nLength = IpWildcard(SocketFamily(m_hSocket), static_cast<u_short>(nPort), address);
+    else if (!IpAddressFromText(pszAddress, static_cast<u_short>(nPort), address, nLength))
         return 0;
-    }
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    if (pszAddress != NULL) {
-        address.sin_addr.s_addr = inet_addr(strAddress.c_str());
-        if (address.sin_addr.s_addr == INADDR_NONE) {
-            WSASetLastError(WSAEINVAL);
+    return Bind(reinterpret_cast<const sockaddr*>(&address), nLength);
+}
+
+// A socket made without an address is bound to the IPv4 wildcard; a connect
+// to an IPv6 peer (or the other way round) gets a new handle of the peer's
+// family in its place, bound to the same port. Only a socket that has done
+// nothing yet may change; 0 with the error otherwise.
+int COverlappedSocket::TakeFamilyOf(const sockaddr* pAddress)
+{
+    const int nFamily = pAddress->sa_family;
+    SOCKET hOld = INVALID_SOCKET, hNew = INVALID_SOCKET;
+    {
+        CScopeLock lock(m_csLock);
+        int nRefusal = ConnectRefusal();
+        if (nRefusal == 0 && IpAddressLength(nFamily) == 0)
+            nRefusal = WSAEAFNOSUPPORT;
+        if (nRefusal != 0) {
+            lock.Unlock();
+            WSASetLastError(nRefusal);
             return 0;
         }
-    } else {
-        address.sin_addr.s_addr = htonl(INADDR_ANY);
+        if (SocketFamily(m_hSocket) == nFamily)
+            return 1;
+        sockaddr_storage local = {}, wildcard;
+        int nLocal = sizeof(local);
+        getsockname(m_hSocket, reinterpret_cast<sockaddr*>(&local), &nLocal);
+        const unsigned short nLocalPort = IpPort(reinterpret_cast<sockaddr*>(&local));
+        int nWildcard = IpWildcard(local.ss_family, nLocalPort, wildcard);
+        // A socket bound to an address of its own keeps its family.
+        if (nLocal != nWildcard || std::memcmp(&local, &wildcard, static_cast<size_t>(nWildcard)) != 0) {
+            lock.Unlock();
+            WSASetLastError(WSAEAFNOSUPPORT);
+            return 0;
+        }
+        nWildcard = IpWildcard(nFamily, nLocalPort, wildcard);
+        hNew = NewTcpSocket(nFamily, WSA_FLAG_OVERLAPPED);
+        if (hNew == INVALID_SOCKET || bind(hNew, reinterpret_cast<sockaddr*>(&wildcard), nWildcard) != 0 ||
+            CreateIoCompletionPort(reinterpret_cast<HANDLE>(hNew), m_spFactory->m_hCompletionPort,
+                                   static_cast<ULONG_PTR>(hNew), 0) == NULL) {
+            int nError = WSAGetLastError();
+            if (hNew != INVALID_SOCKET)
+                closesocket(hNew);
+            lock.Unlock();
+            WSASetLastError(nError);
+            return 0;
+        }
+        hOld = m_hSocket;
+        m_hSocket = hNew;
     }
-    address.sin_port = htons(static_cast<u_short>(nPort));
-    return Bind(reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    RekeyOpenSocket(hOld, hNew);
+    closesocket(hOld);
+    return 1;
+}
+
+// The factory's open map holds the socket under its handle.
+void COverlappedSocket::RekeyOpenSocket(SOCKET hOld, SOCKET hNew)
+{
+    std::shared_ptr<COverlappedSocket> spEntry;
+    CScopeLock factoryLock(m_spFactory->m_csLock);
+    auto it = m_spFactory->m_mapOpenSockets.find(hOld);
+    if (it == m_spFactory->m_mapOpenSockets.end())
+        return;
+    spEntry = std::move(it->second);
+    m_spFactory->m_mapOpenSockets.erase(it);
+    // A Close since the handle changed has left the maps under the new one
+    // already (finding nothing): the entry must not come back.
+    if (!m_bClosed)
+        m_spFactory->m_mapOpenSockets[hNew] = spEntry;
+    factoryLock.Unlock();
 }
 
 int COverlappedSocket::Connect(const sockaddr* pAddress, int nLength)
@@ -124,6 +182,8 @@ int COverlappedSocket::Connect(const sockaddr* pAddress, int nLength)
         WSASetLastError(WSAEINVAL);
         return 0;
     }
+    if (!TakeFamilyOf(pAddress))
+        return 0;
     std::shared_ptr<COverlappedSocket> spReleased;
     CScopeLock lock(m_csLock);
     // A second Connect, or one on an accepting socket, would take over the
@@ -183,19 +243,21 @@ int COverlappedSocket::Connect(const wchar_t* pszHost, unsigned int nPort)
         WSASetLastError(WSA_NOT_ENOUGH_MEMORY);
         return 0;
     }
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = inet_addr(strHost.c_str());
-    if (address.sin_addr.s_addr == INADDR_NONE) {
-        hostent* pHost = gethostbyname(strHost.c_str());
-        if (pHost == NULL || pHost->h_addr_list[0] == NULL) {
-            WSASetLastError(WSAEINVAL);
-            return 0;
-        }
-        std::memcpy(&address.sin_addr, pHost->h_addr_list[0], sizeof(address.sin_addr));
+    sockaddr_storage address;
+    int nLength = 0;
+    if (IpAddressFromText(pszHost, static_cast<u_short>(nPort), address, nLength))
+        return Connect(reinterpret_cast<const sockaddr*>(&address), nLength);
+    // Not an address: a host name, looked up for IPv4.
+    sockaddr_in named = {};
+    named.sin_family = AF_INET;
+    hostent* pHost = gethostbyname(strHost.c_str());
+    if (pHost == NULL || pHost->h_addr_list[0] == NULL) {
+        WSASetLastError(WSAEINVAL);
+        return 0;
     }
-    address.sin_port = htons(static_cast<u_short>(nPort));
-    return Connect(reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    std::memcpy(&named.sin_addr, pHost->h_addr_list[0], sizeof(named.sin_addr));
+    named.sin_port = htons(static_cast<u_short>(nPort));
+    return Connect(reinterpret_cast<const sockaddr*>(&named), sizeof(named));
 }
 
 int COverlappedSocket::Listen(int nBacklog)

@@ -4,6 +4,7 @@
 #include "wicomm/wi_tcp.h"
 
 #include "module/debug_trace.h"
+#include "module/ip_address.h"
 #include "module/module.h"
 #include "module/scope_lock.h"
 
@@ -115,24 +116,26 @@ void CWiSocket::SetToNonBlocking(int bNonBlocking)
 
 // ---- addresses ---------------------------------------------------------------
 
+// The ports in network order, of either family.
 long CWiSocket::GetLocalPort()
 {
-    sockaddr_in addr = {};
+    sockaddr_storage addr = {};
     int nLength = sizeof(addr);
     if (getsockname(m_hSocket, (sockaddr*)&addr, &nLength) != 0)
         return 0;
-    return addr.sin_port;
+    return htons(IpPort((sockaddr*)&addr));
 }
 
 long CWiSocket::GetPeerPort()
 {
-    sockaddr_in addr = {};
+    sockaddr_storage addr = {};
     int nLength = sizeof(addr);
     if (getpeername(m_hSocket, (sockaddr*)&addr, &nLength) != 0)
         return 0;
-    return addr.sin_port;
+    return htons(IpPort((sockaddr*)&addr));
 }
 
+// CWiSockAddr holds IPv4 only: an IPv6 name doesn't fit its record.
 int CWiSocket::GetLocalAddr(CWiSockAddr& addr)
 {
     sockaddr_in record = {};
@@ -151,6 +154,24 @@ int CWiSocket::GetPeerAddr(CWiSockAddr& addr)
         return 0;
     addr = record;
     return 1;
+}
+
+int CWiSocket::GetLocalAddr(CWiInetAddr& addr)
+{
+    sockaddr_storage record = {};
+    int nLength = sizeof(record);
+    if (getsockname(m_hSocket, (sockaddr*)&record, &nLength) != 0)
+        return 0;
+    return addr.Assign((sockaddr*)&record, nLength);
+}
+
+int CWiSocket::GetPeerAddr(CWiInetAddr& addr)
+{
+    sockaddr_storage record = {};
+    int nLength = sizeof(record);
+    if (getpeername(m_hSocket, (sockaddr*)&record, &nLength) != 0)
+        return 0;
+    return addr.Assign((sockaddr*)&record, nLength);
 }
 
 // ---- the window procedure ------------------------------------------------------

@@ -5,6 +5,7 @@
 #define WISOCK_WICOMM_WI_SOCKET_H
 
 #include "wicomm/wi_comm.h"
+#include "wicomm/wi_inet_addr.h"
 #include "wicomm/wi_sock_addr.h"
 
 // Socket events posted by WSAAsyncSelect: socket in wParam, event and error in lParam.
@@ -41,6 +42,9 @@ public:
     virtual long GetLocalPort();
     virtual int GetPeerAddr(CWiSockAddr& addr);
     virtual long GetPeerPort();
+    // Either family (CWiSockAddr holds IPv4 only).
+    int GetLocalAddr(CWiInetAddr& addr);
+    int GetPeerAddr(CWiInetAddr& addr);
 
     int AsyncSelect();
 

@@ -104,7 +104,7 @@ void CWiTcp::OnWiAccept(int nErrorCode)
 {
     if (nErrorCode != 0 && !CallErrorNotify(OPEN, nErrorCode, shared_from_this()))
         return;
-    sockaddr_in addr = {};
+    sockaddr_storage addr = {};   // either family
     int nLength = sizeof(addr);
     SOCKET hAccepted = accept(m_hSocket, (sockaddr*)&addr, &nLength);
     if (hAccepted == INVALID_SOCKET)

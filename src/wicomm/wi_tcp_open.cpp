@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "module/debug_trace.h"
+#include "module/ip_address.h"
 #include "module/scope_lock.h"
 
 IMPLEMENT_DYNAMIC(CWiTcp, CWiSocket)
@@ -16,21 +17,13 @@ IMPLEMENT_DYNAMIC(CWiTcp, CWiSocket)
 namespace {
 
 const long kMaskIdle = FD_READ | FD_CONNECT | FD_CLOSE;   // 49
-const size_t kMaxAddressText = 40;                        // the address field is shorter
+const size_t kMaxAddressText = 64;                        // the address field is shorter (IPv6 with a scope)
 const int kDefaultReadSize = 4096;
 const int kReadSlack = 100;                               // a buffer holds this much more than asked
 
-sockaddr_in IPv4(u_long nAddress, unsigned int nPort)
-{
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = nAddress;
-    addr.sin_port = htons((u_short)nPort);
-    return addr;
-}
-
-// "localport,address,port"; false if a field is missing or bad.
-bool ParseConnectOption(const char* pszText, unsigned int& nLocalPort, u_long& nAddress, unsigned int& nPort)
+// "localport,address,port"; false if a field is missing or bad. The address
+// is IPv4 or IPv6 (its colons are no separators here).
+bool ParseConnectOption(const char* pszText, unsigned int& nLocalPort, sockaddr_storage& remote, int& nRemote)
 {
     const char* pComma1 = strchr(pszText, ',');
     if (pComma1 == nullptr)
@@ -43,15 +36,16 @@ bool ParseConnectOption(const char* pszText, unsigned int& nLocalPort, u_long& n
         return false;
     char szAddress[kMaxAddressText] = {};
     memcpy(szAddress, pComma1 + 1, nAddressLength);
-    nAddress = inet_addr(szAddress);
     nLocalPort = (unsigned int)atoi(pszText);
-    nPort = (unsigned int)atoi(pComma2 + 1);
-    return nAddress != INADDR_NONE && nPort != 0;
+    unsigned int nPort = (unsigned int)atoi(pComma2 + 1);
+    return nPort != 0 && IpAddressFromText(szAddress, (u_short)nPort, remote, nRemote);
 }
 
-CString ConnectionText(unsigned int nLocalPort, in_addr address, unsigned int nPort)
+// "localport,address,port" of a connection, the address as IpAddressText
+// writes it (IPv4 as inet_ntoa does).
+CString ConnectionText(unsigned int nLocalPort, const sockaddr* pRemote, unsigned int nPort)
 {
-    CString strAddress(inet_ntoa(address));   // widened with the thread's code page
+    CString strAddress = IpAddressText(pRemote);
     CString strText;
     strText.Format(L"%u,%s,%u", nLocalPort, (LPCWSTR)strAddress, nPort);
     return strText;
@@ -100,9 +94,10 @@ int CWiTcp::Open(const char* pszOption)
 
 int CWiTcp::OpenTcpConnect(const char* pszOption)
 {
-    unsigned int nLocalPort = 0, nPort = 0;
-    u_long nAddress = INADDR_NONE;
-    if (pszOption == nullptr || !ParseConnectOption(pszOption, nLocalPort, nAddress, nPort)) {
+    unsigned int nLocalPort = 0;
+    sockaddr_storage remote;
+    int nRemote = 0;
+    if (pszOption == nullptr || !ParseConnectOption(pszOption, nLocalPort, remote, nRemote)) {
         Close();
         return 0;
     }
@@ -113,16 +108,16 @@ int CWiTcp::OpenTcpConnect(const char* pszOption)
         Close();
         return 0;
     }
-    m_hSocket = socket(AF_INET, SOCK_STREAM, 0);
+    m_hSocket = NewTcpSocket(remote.ss_family, WSA_FLAG_OVERLAPPED);
     if (m_hSocket == INVALID_SOCKET)
         return 0;
-    sockaddr_in local = IPv4(INADDR_ANY, nLocalPort);
-    sockaddr_in remote = IPv4(nAddress, nPort);
-    int nResult = bind(m_hSocket, (sockaddr*)&local, sizeof(local));
+    sockaddr_storage local;
+    int nLocal = IpWildcard(remote.ss_family, (u_short)nLocalPort, local);
+    int nResult = bind(m_hSocket, (sockaddr*)&local, nLocal);
     if (nResult == 0)
         nResult = WSAAsyncSelect(m_hSocket, m_hWnd, WM_WISOCKET_NOTIFY, kMaskIdle);
     if (nResult == 0) {
-        if (WSAConnect(m_hSocket, (sockaddr*)&remote, sizeof(remote), NULL, NULL, NULL, NULL) == 0) {
+        if (WSAConnect(m_hSocket, (sockaddr*)&remote, nRemote, NULL, NULL, NULL, NULL) == 0) {
             OnWiOpen(0);
             m_nType = TYPE_CONNECT;
             return 1;
@@ -134,7 +129,7 @@ int CWiTcp::OpenTcpConnect(const char* pszOption)
                 return 0;
             }
             CScopeLock lock(m_csComm);
-            m_strOption = ConnectionText(ntohs(local.sin_port), remote.sin_addr, nPort & 0xFFFF);
+            m_strOption = ConnectionText(IpPort((sockaddr*)&local), (sockaddr*)&remote, IpPort((sockaddr*)&remote));
             m_strOpenOption = CString(L"C:") + m_strOption;
             m_nType = TYPE_CONNECT;
             return 1;
@@ -159,14 +154,22 @@ int CWiTcp::OpenTcpListen(const char* pszOption)
         Close();
         return 0;
     }
+    // "port[,reuse[,address]]": without an address, every IPv4 address; "::"
+    // takes IPv6 and IPv4 clients.
     const char* pComma = strchr(pszOption, ',');
     int nReuse = (pComma != nullptr && pComma[1] != '\0') ? atoi(pComma + 1) : 0;
-    m_hSocket = WSASocketW(AF_INET, SOCK_STREAM, 0, NULL, 0, WSA_FLAG_OVERLAPPED);
+    const char* pAddress = pComma != nullptr ? strchr(pComma + 1, ',') : nullptr;
+    sockaddr_storage local;
+    int nLocal = IpWildcard(AF_INET, (u_short)nPort, local);
+    if (pAddress != nullptr && !IpAddressFromText(pAddress + 1, (u_short)nPort, local, nLocal)) {
+        Close();
+        return 0;
+    }
+    m_hSocket = NewTcpSocket(local.ss_family, WSA_FLAG_OVERLAPPED);
     if (m_hSocket == INVALID_SOCKET)
         return 0;
     setsockopt(m_hSocket, SOL_SOCKET, SO_REUSEADDR, (const char*)&nReuse, sizeof(nReuse));
-    sockaddr_in local = IPv4(INADDR_ANY, nPort);
-    if (bind(m_hSocket, (sockaddr*)&local, sizeof(local)) != 0 || listen(m_hSocket, 0x7FFFFFFF) != 0) {
+    if (bind(m_hSocket, (sockaddr*)&local, nLocal) != 0 || listen(m_hSocket, 0x7FFFFFFF) != 0) {
         closesocket(m_hSocket);
         m_hSocket = INVALID_SOCKET;
         Close();
@@ -174,7 +177,10 @@ int CWiTcp::OpenTcpListen(const char* pszOption)
     }
     {
         CScopeLock lock(m_csComm);
-        m_strOption.Format(L"%u", nPort & 0xFFFF);
+        if (pAddress != nullptr)
+            m_strOption.Format(L"%u,%d,%s", nPort & 0xFFFF, nReuse, (LPCWSTR)IpAddressText((sockaddr*)&local));
+        else
+            m_strOption.Format(L"%u", nPort & 0xFFFF);
         m_strOpenOption = CString(L"S:") + m_strOption;
         m_nType = TYPE_LISTEN;
     }
@@ -186,13 +192,13 @@ int CWiTcp::OpenTcpListen(const char* pszOption)
 
 bool CWiTcp::SetConnectedOption()
 {
-    sockaddr_in local = {}, peer = {};
+    sockaddr_storage local = {}, peer = {};
     int nLocal = sizeof(local), nPeer = sizeof(peer);
     if (getsockname(m_hSocket, (sockaddr*)&local, &nLocal) != 0 ||
         getpeername(m_hSocket, (sockaddr*)&peer, &nPeer) != 0)
         return false;
     CScopeLock lock(m_csComm);
-    m_strOption = ConnectionText(ntohs(local.sin_port), peer.sin_addr, ntohs(peer.sin_port));
+    m_strOption = ConnectionText(IpPort((sockaddr*)&local), (sockaddr*)&peer, IpPort((sockaddr*)&peer));
     m_strOpenOption = CString(L"C:") + m_strOption;
     return true;
 }

@@ -69,3 +69,55 @@ TEST_F(StackTest, ConnectResolvesHostNames)
     EXPECT_EQ(0, d->Connect(L"no-such-host.invalid", port));
     EXPECT_EQ(WSAEINVAL, COverlappedSocket::GetLastError());
 }
+
+// IPv6 beside IPv4: a listener on "::" serves both families; a socket made
+// without an address takes the family of the peer it connects to; texts of
+// neither family are refused and leave no socket behind.
+TEST_F(StackTest, Ipv6PeersAndADualStackListener)
+{
+    unsigned short port;
+    SocketPtr listen = Listen(port, 2, nullptr, L"::");
+    server->echo = true;
+    struct Case {
+        const wchar_t* bindTo;   // the client's CreateSocket address
+        const wchar_t* peer;     // what it connects to
+        const wchar_t* seenByServer;
+    } cases[] = {{nullptr, L"::1", L"::1"}, {L"127.0.0.1", L"127.0.0.1", L"::ffff:127.0.0.1"}};
+    std::vector<SocketPtr> clients;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "peer " << CString(c.peer).GetString());
+        SocketPtr s = factory->CreateSocket(client, 0, c.bindTo);
+        ASSERT_TRUE(s);
+        ASSERT_EQ(1, s->Connect(c.peer, port)) << COverlappedSocket::GetLastError();
+        ASSERT_TRUE(client->connects.WaitAtLeast((long)clients.size() + 1, "client OnConnect"));
+        CString text;
+        unsigned int peerPort = 0;
+        ASSERT_EQ(1, s->GetPeerName(text, peerPort));
+        EXPECT_STREQ(c.peer, text.GetString());
+        EXPECT_EQ(port, peerPort);
+        const std::string data = Pattern(5000, (unsigned)clients.size() + 7);
+        ASSERT_EQ(5000, s->Send(data.data(), 5000, 0));
+        ASSERT_TRUE(Eventually([&] { return client->Received(s.get()).size() >= data.size(); }, "the echo"));
+        EXPECT_TRUE(client->Received(s.get()) == data);
+        const COverlappedSocket* accepted = Accepted(*server, clients.size());
+        ASSERT_NE(nullptr, accepted);
+        ASSERT_EQ(1, const_cast<COverlappedSocket*>(accepted)->GetPeerName(text, peerPort));
+        EXPECT_STREQ(c.seenByServer, text.GetString());
+        clients.push_back(s);
+    }
+    for (const wchar_t* bad : {L"::1::2", L"fe80::zz", L"[::1", L"[::1]", L"1.2.3.4.5", L"fe80::1%99999"}) {
+        SCOPED_TRACE(testing::Message() << "address " << CString(bad).GetString());
+        EXPECT_FALSE(factory->CreateSocket(client, 0, bad));
+        EXPECT_NE(0, COverlappedSocket::GetLastError());
+    }
+    SocketPtr unbound = factory->CreateSocket(client, 0, nullptr);
+    ASSERT_TRUE(unbound);
+    for (const wchar_t* bad : {L"::1::2", L"[::1", L"fe80::zz"}) {
+        EXPECT_EQ(0, unbound->Connect(bad, port));
+        EXPECT_EQ(WSAEINVAL, COverlappedSocket::GetLastError());
+    }
+    SocketPtr bound4 = factory->CreateSocket(client, 0, L"127.0.0.1");
+    ASSERT_TRUE(bound4);
+    EXPECT_EQ(0, bound4->Connect(L"::1", port)) << "a socket bound to an IPv4 address stays IPv4";
+    EXPECT_EQ(WSAEAFNOSUPPORT, COverlappedSocket::GetLastError());
+}

@@ -70,12 +70,13 @@ protected:
     // A listen socket on 127.0.0.1 with a pool of accepts. It binds port 0 and
     // reads the port back, so that no port-owner look-up (slow under Wine
     // when the machine has many sockets) is made for it.
-    SocketPtr Listen(unsigned short& port, int pool = 5, std::shared_ptr<RecordingNotify> notify = nullptr)
+    SocketPtr Listen(unsigned short& port, int pool = 5, std::shared_ptr<RecordingNotify> notify = nullptr,
+                     const wchar_t* bindTo = L"127.0.0.1")
     {
         if (!notify)
             notify = server;
         port = 0;
-        SocketPtr listen = factory->CreateSocket(notify, 0, L"127.0.0.1");
+        SocketPtr listen = factory->CreateSocket(notify, 0, bindTo);
         EXPECT_TRUE(listen) << "bound socket for the listener";
         if (!listen)
             return listen;

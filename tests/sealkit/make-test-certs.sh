@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Makes the certificates of the Sealkit tests and writes them into
 # test_certs.h as C string constants (the tests write them to temporary files).
-#   trusted CA  -> server certificate for "localhost" (and 127.0.0.1) + key
+#   trusted CA  -> server certificate for "localhost" (and 127.0.0.1, ::1) + key
 #   trusted CA  -> client certificate (client auth) + key
 #   other CA    -> trusts nothing the server shows
 # Valid for 100 years, so the committed header doesn't expire.
@@ -21,7 +21,7 @@ openssl req -x509 -new -key other.key -sha256 -days 36500 -subj "/CN=Sealkit Oth
   -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign,cRLSign" -out other.pem
 ec server.key
 openssl req -new -key server.key -subj "/CN=localhost" -out server.csr
-printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n' > ext.cnf
+printf 'subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n' > ext.cnf
 openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 36500 -sha256 \
   -extfile ext.cnf -out server.pem 2>/dev/null
 

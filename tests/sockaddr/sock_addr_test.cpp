@@ -1,5 +1,6 @@
 // CWiSockAddr: the port rules of text, bad texts, the buffer forms at their
 // size limit, the text cache across assignments, and foreign families.
+#include "wicomm/wi_inet_addr.h"
 #include "wicomm/wi_sock_addr.h"
 
 #include "support/net.h"
@@ -142,6 +143,58 @@ TEST(CWiSockAddrTest, ForeignFamilyHasNoTextAndNoAddress)
     EXPECT_TRUE(text.IsEmpty()) << "the string is emptied first";
     wchar_t wide[40];
     EXPECT_EQ(0, addr.ToString(wide, 40));
+}
+
+// CWiInetAddr: texts of both families read, printed and compared; texts of
+// neither refused with the value unchanged.
+TEST(CWiInetAddrTest, BothFamiliesRoundTripAndBadTextsAreRefused)
+{
+    struct Good {
+        const wchar_t* text;
+        int family;
+        const wchar_t* printed;
+        unsigned long scope;
+    } good[] = {
+        {L"127.0.0.1", AF_INET, L"127.0.0.1", 0},
+        {L"::1", AF_INET6, L"::1", 0},
+        {L"::", AF_INET6, L"::", 0},
+        {L"fe80::1%3", AF_INET6, L"fe80::1%3", 3},
+        {L"2001:DB8:0:0:0:0:0:1", AF_INET6, L"2001:db8::1", 0},
+        {L"::ffff:10.0.0.1", AF_INET6, L"::ffff:10.0.0.1", 0},
+    };
+    for (const Good& g : good) {
+        SCOPED_TRACE(CString(g.text).GetString());
+        CWiInetAddr addr(g.text, 443);
+        ASSERT_EQ(1, addr.IsValid());
+        EXPECT_EQ(g.family, addr.GetFamily());
+        EXPECT_EQ(443, addr.GetPort());
+        EXPECT_EQ(g.scope, addr.GetScopeId());
+        EXPECT_STREQ(g.printed, addr.ToString().GetString());
+        EXPECT_EQ(g.family == AF_INET ? 16 : 28, addr.GetLength());
+        CWiInetAddr copy(addr.GetSockaddr(), addr.GetLength());
+        EXPECT_TRUE(copy == addr);
+        CWiInetAddr reparsed(addr.ToString(), 443);
+        EXPECT_TRUE(reparsed == addr) << "printed text reads back as the same value";
+        copy.SetPort(444);
+        EXPECT_TRUE(copy != addr);
+    }
+    EXPECT_TRUE(CWiInetAddr(L"fe80::1%3", 1) != CWiInetAddr(L"fe80::1%4", 1)) << "the scope id counts";
+    EXPECT_TRUE(CWiInetAddr(L"::ffff:127.0.0.1", 1) != CWiInetAddr(L"127.0.0.1", 1)) << "families differ";
+
+    CWiInetAddr kept(L"::1", 80);
+    for (const wchar_t* bad : {L"::1::2", L"fe80::zz", L"[::1", L"[::1]", L"::1]:80", L"1.2.3.4.5", L"", L"localhost"}) {
+        SCOPED_TRACE(CString(bad).GetString());
+        WSASetLastError(0);
+        EXPECT_EQ(0, kept.Parse(bad, 1));
+        EXPECT_EQ(WSAEINVAL, WSAGetLastError());
+        EXPECT_TRUE(kept == CWiInetAddr(L"::1", 80)) << "a refused text leaves the value";
+        EXPECT_EQ(0, CWiInetAddr(bad, 1).IsValid());
+    }
+    sockaddr_in6 shortRecord = {};
+    shortRecord.sin6_family = AF_INET6;
+    EXPECT_EQ(0, kept.Assign(reinterpret_cast<sockaddr*>(&shortRecord), 16)) << "an IPv6 record is 28 bytes";
+    EXPECT_EQ(0, CWiInetAddr().IsValid());
+    EXPECT_STREQ(L"", CWiInetAddr().ToString().GetString());
 }
 
 }  // namespace

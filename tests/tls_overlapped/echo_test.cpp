@@ -55,6 +55,25 @@ TEST_F(TlsEcho, EveryByteComesBackFromOneByteToEightMegabytes)
     EXPECT_TRUE(m_spServer->receivedBytes.WaitAtLeast(nExpected, "server got all bytes"));
 }
 
+// The same over IPv6: the client checks the certificate's IP address ::1.
+class TlsEchoOverIpv6 : public TlsServerTest {
+protected:
+    TlsEchoOverIpv6() { m_pszAddress = L"::1"; }
+};
+
+TEST_F(TlsEchoOverIpv6, BytesComeBackAndTheCertificateNamesTheAddress)
+{
+    MakeEcho(*m_spServer);
+    auto spClient = std::make_shared<Recorder>();
+    SocketPtr spSocket = ConnectClient(spClient);
+    ASSERT_TRUE(spSocket) << WSAGetLastError();
+    ASSERT_TRUE(spClient->connects.WaitAtLeast(1, "client OnConnect"));
+    std::string data = Pattern(65543, 11);
+    SendInPieces(spSocket, data, 1 << 20);
+    ASSERT_TRUE(spClient->receivedBytes.WaitAtLeast(65543, "the echo of all bytes"));
+    EXPECT_TRUE(spClient->Received(spSocket.get()) == data) << "echoed bytes differ";
+}
+
 TEST_F(TlsEcho, ManySmallSendsArriveInOrder)
 {
     MakeEcho(*m_spServer);

@@ -150,7 +150,7 @@ void TlsServerTest::SetUp()
 {
     m_spFactory = COverlappedSocketFactory::CreateObject(1, 4);
     ASSERT_TRUE(m_spFactory) << "CreateObject(1, 4) gave no TLS factory";
-    m_spListen = m_spFactory->CreateSocket(m_spServer, 0, L"127.0.0.1");
+    m_spListen = m_spFactory->CreateSocket(m_spServer, 0, m_pszAddress);
     ASSERT_TRUE(m_spListen);
     ASSERT_TRUE(m_spListen->IsKindOf(RUNTIME_CLASS(COverlappedSSL))) << "a TLS factory made a plain socket";
     ASSERT_EQ(1, m_spListen->Listen(16));
@@ -172,8 +172,8 @@ void TlsServerTest::TearDown()
 
 SocketPtr TlsServerTest::ConnectClient(const std::shared_ptr<Recorder>& spClient)
 {
-    SocketPtr spSocket = m_spFactory->CreateSocket(spClient, 0, L"127.0.0.1");
-    if (spSocket && !spSocket->Connect(L"127.0.0.1", m_nPort))
+    SocketPtr spSocket = m_spFactory->CreateSocket(spClient, 0, nullptr);
+    if (spSocket && !spSocket->Connect(m_pszAddress, m_nPort))
         return SocketPtr();
     return spSocket;
 }

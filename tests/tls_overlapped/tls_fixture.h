@@ -83,6 +83,9 @@ protected:
     // A TLS client socket of the same factory connecting to the listener.
     SocketPtr ConnectClient(const std::shared_ptr<Recorder>& spClient);
 
+    // The listener's address, which clients connect to; set before SetUp.
+    const wchar_t* m_pszAddress = L"127.0.0.1";
+
     std::shared_ptr<COverlappedSocketFactory> m_spFactory;
     std::shared_ptr<Recorder> m_spServer = std::make_shared<Recorder>();
     std::shared_ptr<Recorder> m_spClient = std::make_shared<Recorder>();

@@ -101,6 +101,50 @@ TEST_F(OpenTest, ConnectAcceptAndTheirTexts)
         EXPECT_EQ(m_window->ThreadId(), e.nThread) << "notifications run on the window thread";
 }
 
+// IPv6: a listener on "::" (named in its option) takes IPv6 and IPv4
+// clients, plain and TLS; the texts print IPv6 addresses; an address of
+// neither family makes no object.
+TEST_F(OpenTest, Ipv6ConnectsAndADualStackListener)
+{
+    struct Case {
+        int serverMode, clientMode;
+        const char* peer;          // what the client connects to
+        const char* seenByServer;  // the client's address in the accepted object's text
+    } cases[] = {{-1, -1, "::1", "::1"}, {-1, -1, "127.0.0.1", "::ffff:127.0.0.1"}, {1, 0, "::1", "::1"}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.peer) + (c.clientMode == 0 ? " TLS" : " plain"));
+        Recorder& srv = Rec();
+        Recorder& cli = Rec();
+        unsigned short port = FreeLoopbackPort();
+        CommPtr listener = Make("S:" + std::to_string(port) + ",0,::", &srv, c.serverMode);
+        ASSERT_TRUE(listener);
+        EXPECT_EQ("S:" + std::to_string(port) + ",0,::", Narrow(listener->GetOpenOption()));
+        CommPtr client = Make("C:0," + std::string(c.peer) + "," + std::to_string(port), &cli, c.clientMode,
+                              c.clientMode == 0);
+        ASSERT_TRUE(client);
+        ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "client OnOpen"));
+        ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == 2; }, "OnOpen of the accepted object"));
+        CommPtr accepted = srv.LastOpened();
+        unsigned clientPort = ntohs((u_short)static_cast<CWiSocket*>(client.get())->GetLocalPort());
+        EXPECT_EQ("C:" + std::to_string(clientPort) + "," + c.peer + "," + std::to_string(port),
+                  Narrow(client->GetOpenOption()));
+        EXPECT_EQ("C:" + std::to_string(port) + "," + c.seenByServer + "," + std::to_string(clientPort),
+                  Narrow(accepted->GetOpenOption()));
+        CWiInetAddr peer;
+        ASSERT_EQ(1, static_cast<CWiSocket*>(accepted.get())->GetPeerAddr(peer));
+        EXPECT_EQ(AF_INET6, peer.GetFamily());
+        EXPECT_EQ(clientPort, peer.GetPort());
+        std::vector<char> data = Pattern(9000, 3);
+        ASSERT_EQ(1, client->Write(data.data(), (unsigned long)data.size()));
+        ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()).size() == data.size(); }, "the data"));
+        EXPECT_TRUE(srv.Data(accepted.get()) == std::string(data.begin(), data.end()));
+        srv.Forget();
+    }
+    Recorder& rec = Rec();
+    for (const char* bad : {"C:0,::1::2,80", "C:0,fe80::zz,80", "C:0,[::1],80", "S:5000,0,[::1", "S:5000,0,::1::2"})
+        EXPECT_FALSE(Make(bad, &rec)) << bad;
+}
+
 TEST_F(OpenTest, PortIsCutToSixteenBits)
 {
     Recorder& srv = Rec();
