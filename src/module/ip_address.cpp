@@ -87,7 +87,7 @@ int IpWildcard(int nFamily, unsigned short nPort, sockaddr_storage& address)
     if (nFamily == AF_INET6) {
         sockaddr_in6* p6 = reinterpret_cast<sockaddr_in6*>(&address);
         p6->sin6_family = AF_INET6;
-        p6->sin6_addr = in6addr_any;
+        // sin6_addr stays all zeros: the IPv6 wildcard
         p6->sin6_port = htons(nPort);
         return sizeof(sockaddr_in6);
     }
