@@ -1,16 +1,10 @@
-// The MFC subset: strings, run-time classes, exceptions across the DLL
-// boundary, the scope guard and the debug log.
+// The MFC subset: strings, run-time classes, exceptions across the DLL boundary.
 #include <stdexcept>
-#include <thread>
 
 #include <gtest/gtest.h>
 
-#include "module/debug_trace.h"
 #include "module/module.h"
 #include "module/notify_guard.h"
-#include "module/scope_lock.h"
-#include "support/debug_capture.h"
-#include "support/leak.h"
 
 namespace {
 
@@ -122,61 +116,4 @@ TEST(CExceptionDelete, KeepsAnExceptionWithoutAutoDelete)
     CException fixed(FALSE);
     fixed.Delete();   // must not free a stack object
     SUCCEED();
-}
-
-TEST(ScopeLock, LeavesEarlyTakesAgainAndReleasesOnUnwind)
-{
-    CCriticalSection cs;
-    auto heldElsewhere = [&] {
-        bool acquired = false;
-        std::thread t([&] {
-            acquired = TryEnterCriticalSection(&cs.m_sect) != 0;
-            if (acquired)
-                LeaveCriticalSection(&cs.m_sect);
-        });
-        t.join();
-        return !acquired;
-    };
-
-    {
-        CScopeLock lock(cs);
-        EXPECT_TRUE(lock.IsOwned());
-        EXPECT_TRUE(heldElsewhere());
-        lock.Unlock();
-        EXPECT_FALSE(heldElsewhere());
-        lock.Unlock();   // a second leave is harmless
-        lock.Lock();
-        EXPECT_TRUE(heldElsewhere());
-    }
-    EXPECT_FALSE(heldElsewhere());
-
-    try {
-        CScopeLock lock(cs);
-        CScopeLock again(cs);   // re-entrant
-        throw 1;
-    } catch (int) {
-    }
-    EXPECT_FALSE(heldElsewhere()) << "the guard must leave the lock when an exception passes";
-}
-
-TEST(DebugTrace, CaptureSeesExactTextFromAnyThread)
-{
-    DebugCapture capture;
-    WiTrace(L"连接失败（%d）：%s\n", 10061, L"拒绝");
-    std::thread([] { WiTrace(L"worker %d\n", 7); }).join();
-    CString buffer;
-    WiTraceInto(buffer, L"into %s\n", L"buffer");
-    EXPECT_TRUE(capture.Contains(L"连接失败（10061）：拒绝\n")) << Utf8(capture.Texts().empty() ? L"" : capture.Texts()[0]) << " acp=" << GetACP();
-    EXPECT_TRUE(capture.Contains(L"worker 7\n"));
-    EXPECT_TRUE(capture.Contains(L"into buffer\n"));
-    EXPECT_STREQ(buffer, L"into buffer\n");
-}
-
-TEST(LeakCounters, SeeModuleHeapBlocks)
-{
-    LeakBaseline baseline;
-    void* p = HeapAlloc(g_hModuleHeap, 0, 64);
-    EXPECT_EQ(ModuleHeapBusyBlocks(), baseline.HeapBlocks() + 1);
-    HeapFree(g_hModuleHeap, 0, p);
-    EXPECT_TRUE(baseline.Check("one block allocated and freed"));
 }

@@ -1,117 +1,58 @@
-// Handshakes and data: byte-exact transfers both ways, would-block and partial
-// writes, reads of size 0, the library's pending bytes, the peer's close.
+// Sealkit against peers that end badly or ask for more: the peer's close
+// (clean or truncated), a reset, bad handles, a key update.
 #include "openssl_peer.h"
 #include "tls_harness.h"
 
 #include <thread>
 
+#include "support/debug_capture.h"
+#include "support/leak.h"
+
 namespace {
 
-// Sends size bytes from one end to the other on two threads and compares them.
-void Transfer(TlsPair& pair, bool toServer, size_t size)
-{
-    HSSL writer = toServer ? pair.client : pair.server;
-    HSSL reader = toServer ? pair.server : pair.client;
-    SOCKET writeSocket = toServer ? pair.sockets.client : pair.sockets.server;
-    SOCKET readSocket = toServer ? pair.sockets.server : pair.sockets.client;
-    std::vector<char> sent = Pattern(size, (unsigned)size), received;
-    ::testing::AssertionResult written = ::testing::AssertionSuccess();
-    std::thread sender([&] { written = WriteAll(writer, writeSocket, sent); });
-    EXPECT_TRUE(ReadAll(reader, readSocket, received, size)) << size << " bytes";
-    sender.join();
-    EXPECT_TRUE(written) << size << " bytes";
-    EXPECT_TRUE(received == sent) << "the " << size << " bytes arrived changed";
-}
+const wchar_t kStillOpen[] = L"Sealkit: 1 TLS handles still open at the last OPENSSL_uninit\n";
 
-class SealkitTransfer : public SealkitTest, public ::testing::WithParamInterface<bool> {};
-
-TEST_P(SealkitTransfer, HandshakesAndMovesBytesExactlyBothWays)
+// A plain peer that sends bytes that aren't TLS, or nothing at all.
+void HandshakeAgainstRawPeer(bool clientSide, const char* garbage, DWORD boundMs)
 {
-    Start();
-    bool blocking = GetParam();
-    TlsPair pair(blocking);
-    ASSERT_TRUE(pair.Ok()) << (blocking ? "blocking" : "non-blocking") << " sockets";
-    for (size_t size : {(size_t)1, (size_t)16385, (size_t)8 << 20}) {
-        Transfer(pair, true, size);
-        Transfer(pair, false, size);
+    SocketPair sockets;
+    SOCKET tls = clientSide ? sockets.client : sockets.server;
+    SOCKET raw = clientSide ? sockets.server : sockets.client;
+    if (garbage)
+        send(raw, garbage, (int)strlen(garbage), 0);
+    ULONGLONG start = GetTickCount64();
+    HSSL h = clientSide ? OPENSSL_connect(tls) : OPENSSL_accept(tls);
+    ULONGLONG took = GetTickCount64() - start;
+    EXPECT_EQ(0u, h) << (garbage ? "garbage" : "a silent peer");
+    EXPECT_LT(took, boundMs + 2000u) << "the handshake outlived its bound";
+    if (!garbage) {
+        EXPECT_GE(took + 50, boundMs) << "gave up before the bound";
     }
+    if (h)
+        OPENSSL_shutdown(h);
 }
 
-INSTANTIATE_TEST_SUITE_P(Sockets, SealkitTransfer, ::testing::Values(true, false),
-                         [](const ::testing::TestParamInfo<bool>& info) {
-                             return info.param ? "Blocking" : "NonBlocking";
-                         });
-
-TEST_F(SealkitTest, FullSocketBufferGivesPartialWritesThenWouldBlock)
+TEST_F(SealkitTest, HandshakeWithGarbageOrSilenceEndsWithinTheBound)
 {
+    SetSetting(L"SEALKIT_HANDSHAKE_TIMEOUT_MS", L"300");
     Start();
-    TlsPair pair(false);
-    ASSERT_TRUE(pair.Ok());
-    const size_t size = 16 << 20;
-    std::vector<char> sent = Pattern(size, 7);
-    size_t done = 0;
-    bool partial = false;
-    int result = 0, error = 0;
-    // Nobody reads yet: the socket buffers fill up.
-    while ((result = OPENSSL_write(pair.client, sent.data() + done, (int)(size - done))) > 0) {
-        ASSERT_EQ(0, WSAGetLastError()) << "a successful write must leave last error 0";
-        partial = partial || (size_t)result < size - done;
-        done += result;
-        ASSERT_LT(done, size) << "16 MiB went out with nobody reading";
+    LeakBaseline baseline;
+    DebugCapture capture;
+    const char* garbage = "GET / HTTP/1.1\r\nHost: localhost\r\n\r\n";
+    for (bool clientSide : {false, true}) {
+        HandshakeAgainstRawPeer(clientSide, garbage, 300);
+        HandshakeAgainstRawPeer(clientSide, nullptr, 300);   // blocking socket, silent peer
     }
-    error = WSAGetLastError();
-    EXPECT_EQ(-1, result);
-    EXPECT_EQ(WSAEWOULDBLOCK, error);
-    EXPECT_TRUE(partial) << "no write took fewer bytes than offered before the would-block";
-    EXPECT_EQ(-1, OPENSSL_write(pair.client, sent.data() + done, (int)(size - done)));
-    EXPECT_EQ(WSAEWOULDBLOCK, WSAGetLastError()) << "a second offer while still full";
-
-    // Drain on another thread; offer the rest again from where the writes stopped.
-    std::vector<char> received;
-    std::thread reader([&] { EXPECT_TRUE(ReadAll(pair.server, pair.sockets.server, received, size)); });
-    std::vector<char> rest(sent.begin() + done, sent.end());
-    EXPECT_TRUE(WriteAll(pair.client, pair.sockets.client, rest));
-    reader.join();
-    EXPECT_TRUE(received == sent) << "bytes were lost or doubled around the would-block";
+    SocketPair nonBlocking;
+    nonBlocking.SetBlocking(false);
+    EXPECT_EQ(0u, OPENSSL_accept(nonBlocking.server)) << "a silent peer on a non-blocking socket";
+    EXPECT_EQ(2u, capture.StartingWith(L"Sealkit: OPENSSL_accept: handshake failed: no progress within 300 ms").size());
+    Stop();
+    EXPECT_FALSE(capture.Contains(kStillOpen));
+    EXPECT_TRUE(baseline.Check("failed handshakes"));
 }
 
-TEST_F(SealkitTest, ReadOfSizeZeroStoresNothingAndTakesInWhatArrived)
-{
-    Start();
-    TlsPair pair(false);
-    ASSERT_TRUE(pair.Ok());
-    char buffer[256];
-    memset(buffer, 'x', sizeof(buffer));
-    EXPECT_GE(0, OPENSSL_read(pair.client, buffer, 0));
-    EXPECT_EQ(WSAEWOULDBLOCK, WSAGetLastError()) << "nothing had arrived";
-    EXPECT_EQ(0, OPENSSL_pending(pair.client));
 
-    std::vector<char> data = Pattern(100, 3);
-    ASSERT_TRUE(WriteAll(pair.server, pair.sockets.server, data));
-    ASSERT_TRUE(WaitSocket(pair.sockets.client, true));
-    EXPECT_GE(0, OPENSSL_read(pair.client, buffer, 0));
-    EXPECT_EQ(0, WSAGetLastError()) << "100 bytes were waiting";
-    EXPECT_EQ(100, OPENSSL_pending(pair.client)) << "the size-0 read should have taken the record in";
-    EXPECT_EQ('x', buffer[0]) << "a read of size 0 stored something";
-    EXPECT_EQ(100, OPENSSL_read(pair.client, buffer, sizeof(buffer)));
-    EXPECT_EQ(0, memcmp(buffer, data.data(), 100));
-}
-
-TEST_F(SealkitTest, PendingShowsTheRestOfALargeRecord)
-{
-    Start();
-    TlsPair pair(false);
-    ASSERT_TRUE(pair.Ok());
-    std::vector<char> data = Pattern(16000, 5), received;
-    ASSERT_TRUE(WriteAll(pair.server, pair.sockets.server, data));
-    ASSERT_TRUE(ReadAll(pair.client, pair.sockets.client, received, 100));
-    EXPECT_EQ(15900, OPENSSL_pending(pair.client));
-    std::vector<char> rest(15900);
-    EXPECT_EQ(15900, OPENSSL_read(pair.client, rest.data(), 15900)) << "pending bytes come without the socket";
-    received.insert(received.end(), rest.begin(), rest.end());
-    EXPECT_TRUE(received == data);
-    EXPECT_EQ(0, OPENSSL_pending(pair.client));
-}
 
 // A clean close (close alert, then TCP) and a truncated one (TCP alone): the
 // data comes out, then 0 once, then the later reads tell the two apart.

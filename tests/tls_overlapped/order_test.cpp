@@ -150,36 +150,6 @@ TEST_F(TlsOrder, CloseFromInsideOnConnectLeavesNoReferenceToItself)
     EXPECT_TRUE(Eventually([&] { return !SslState::HoldsItself(spSocket); }, "no reference to itself"));
 }
 
-// The client's handshake stalls against a plain listener that never answers;
-// Close from the test thread waits for it and the socket ends with one OnClose.
-TEST(TlsHandshakeStall, CloseDuringTheHandshakeFromAnotherThread)
-{
-    UseTestCertificates();
-    SetEnvironmentVariableW(L"SEALKIT_HANDSHAKE_TIMEOUT_MS", L"800");
-    auto spFactory = COverlappedSocketFactory::CreateObject(1, 2);
-    SetEnvironmentVariableW(L"SEALKIT_HANDSHAKE_TIMEOUT_MS", NULL);
-    ASSERT_TRUE(spFactory);
-    WinsockScope winsock;
-    unsigned short nPort = 0;
-    SOCKET listener = ListenLoopback(nPort);
-    ASSERT_NE(INVALID_SOCKET, listener);
-    auto spRecorder = std::make_shared<Recorder>();
-    SocketPtr spSocket = spFactory->CreateSocket(spRecorder, 0, L"127.0.0.1");
-    ASSERT_TRUE(spSocket);
-    ASSERT_TRUE(spSocket->Connect(L"127.0.0.1", nPort));
-    SOCKET accepted = accept(listener, NULL, NULL);   // the TCP connection stands; TLS never answers
-    ASSERT_NE(INVALID_SOCKET, accepted);
-    spSocket->Close();
-    const COverlappedSocket* p = spSocket.get();
-    spSocket.reset();
-    EXPECT_TRUE(spRecorder->deletes.WaitAtLeast(1, "the socket closed during its handshake deleted"));
-    EXPECT_EQ((std::vector<Note>{Note::Close, Note::Delete}), spRecorder->KindsOf(p));
-    EXPECT_EQ(0, spRecorder->Count(Note::Connect));
-    closesocket(accepted);
-    closesocket(listener);
-    spFactory->Destory();
-}
-
 // A peer that closes TCP after the TLS close alert, and one that closes TCP
 // alone (data may have been cut off): OnClose tells them apart.
 TEST_F(TlsOrder, OnCloseTellsACleanTlsCloseFromATruncatedOne)
