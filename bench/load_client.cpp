@@ -5,12 +5,18 @@
 // wisock uses), on the same blocking thread-per-connection loop as plain.
 // The clock starts when every connection stands (connected, and the TLS
 // handshake done), so handshakes don't count against the echo rate.
+// Two more loads:
+//   --churn N: C threads open N connections in all, one after the other on
+//     each thread; each connects (and shakes hands), echoes one message and
+//     closes. Prints connections/s.
+//   --idle N: opens N connections, holds them for T seconds, then closes them.
 // Usage: bench_load_client --port P [--connections C] [--size M] [--window W] [--seconds T]
-//                          [--mode plain|tls]
+//                          [--mode plain|tls] [--churn N | --idle N]
 #include <winsock2.h>
 #include <windows.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <deque>
 #include <string>
@@ -155,6 +161,83 @@ DWORD WINAPI Run(void* p)
     return 0;
 }
 
+// --churn: connections until the shared count runs out.
+struct ChurnJob {
+    unsigned short port;
+    int size;
+    bool tls;
+    std::atomic<long>* left;
+    long done = 0;
+    bool failed = false;
+};
+
+DWORD WINAPI Churn(void* p)
+{
+    ChurnJob& job = *static_cast<ChurnJob*>(p);
+    std::string message(static_cast<size_t>(job.size), 'c');
+    std::vector<char> buf(static_cast<size_t>(job.size));
+    while (!job.failed && (*job.left)-- > 0) {
+        Link link = Open(job.port, job.tls);
+        int got = 0;
+        bool ok = link.s != INVALID_SOCKET && SendMessage(link, message);
+        while (ok && got < job.size) {
+            int n = Read(link, buf.data() + got, job.size - got);
+            ok = n > 0;
+            got += ok ? n : 0;
+        }
+        if (link.s != INVALID_SOCKET)
+            Shut(link);
+        job.failed = !ok;
+        job.done += ok ? 1 : 0;
+    }
+    return 0;
+}
+
+int RunChurn(unsigned short port, int threads, int size, bool tls, long total)
+{
+    std::atomic<long> left(total);
+    std::vector<ChurnJob> jobs(static_cast<size_t>(threads));
+    std::vector<HANDLE> handles;
+    double t0 = NowUs();
+    for (ChurnJob& j : jobs) {
+        j.port = port;
+        j.size = size;
+        j.tls = tls;
+        j.left = &left;
+        handles.push_back(CreateThread(NULL, 0, Churn, &j, 0, NULL));
+    }
+    long done = 0;
+    int failed = 0;
+    for (size_t i = 0; i < handles.size(); ++i) {
+        WaitForSingleObject(handles[i], INFINITE);
+        CloseHandle(handles[i]);
+        done += jobs[i].done;
+        failed += jobs[i].failed ? 1 : 0;
+    }
+    double elapsed = (NowUs() - t0) / 1e6;
+    std::printf("connections/s %.0f connections %ld failed %d\n", done / elapsed, done, failed);
+    return failed ? 1 : 0;
+}
+
+// --idle: N connections that stand and say nothing for a while.
+int RunIdle(unsigned short port, bool tls, long count, long seconds)
+{
+    std::vector<Link> links;
+    for (long i = 0; i < count; ++i) {
+        links.push_back(Open(port, tls));
+        if (links.back().s == INVALID_SOCKET) {
+            std::printf("idle: connection %ld failed\n", i);
+            return 1;
+        }
+    }
+    std::printf("idle %ld open\n", count);
+    std::fflush(stdout);
+    Sleep(static_cast<DWORD>(seconds * 1000));
+    for (Link& link : links)
+        Shut(link);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -173,6 +256,10 @@ int main(int argc, char** argv)
     bool tls = args.Text("--mode", "plain") == "tls";
     if (tls)
         OPENSSL_init(0);   // SEALKIT_CA from bench/run: the servers' demo CA
+    if (args.Number("--churn", 0) > 0)
+        return RunChurn(port, connections, size, tls, args.Number("--churn", 0));
+    if (args.Number("--idle", 0) > 0)
+        return RunIdle(port, tls, args.Number("--idle", 0), seconds);
     HANDLE start = CreateEventW(NULL, TRUE, FALSE, NULL);
     std::vector<Job> jobs(static_cast<size_t>(connections));
     std::vector<HANDLE> threads, ready;
@@ -213,7 +300,8 @@ int main(int argc, char** argv)
     }
     std::sort(rtts.begin(), rtts.end());
     auto pct = [&](double q) { return rtts.empty() ? 0.0 : rtts[static_cast<size_t>(q * (rtts.size() - 1))]; };
-    std::printf("messages/s %.0f MB/s %.2f p50_us %.0f p99_us %.0f connections %d failed %d\n", messages / elapsed,
-                2.0 * messages * size / elapsed / 1e6, pct(0.50), pct(0.99), connections, failed);
+    std::printf("messages/s %.0f MB/s %.2f p50_us %.0f p99_us %.0f connections %d failed %d messages %lld\n",
+                messages / elapsed, 2.0 * messages * size / elapsed / 1e6, pct(0.50), pct(0.99), connections, failed,
+                messages);
     return failed ? 1 : 0;
 }

@@ -230,5 +230,6 @@ int main(int argc, char** argv)
     std::printf("listening on %u\n", ntohs(a.sin_port));
     std::fflush(stdout);
     Sleep(static_cast<DWORD>(args.Number("--seconds", 10) * 1000));
+    PrintProcessCpu();
     ExitProcess(0);
 }

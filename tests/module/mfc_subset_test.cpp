@@ -1,10 +1,13 @@
 // The MFC subset: strings, run-time classes, exceptions across the DLL boundary.
 #include <stdexcept>
+#include <thread>
 
 #include <gtest/gtest.h>
 
+#include "module/debug_trace.h"
 #include "module/module.h"
 #include "module/notify_guard.h"
+#include "support/debug_capture.h"
 
 namespace {
 
@@ -116,4 +119,18 @@ TEST(CExceptionDelete, KeepsAnExceptionWithoutAutoDelete)
     CException fixed(FALSE);
     fixed.Delete();   // must not free a stack object
     SUCCEED();
+}
+
+// The exact wide text reaches a debugger from any thread; the debug-output
+// example prints this test's Chinese line.
+TEST(DebugTrace, CaptureSeesExactTextFromAnyThread)
+{
+    DebugCapture capture;
+    WiTrace(L"连接失败（%d）：%s\n", 10061, L"拒绝");
+    std::thread([] { WiTrace(L"worker %d\n", 7); }).join();
+    CString buffer;
+    WiTraceInto(buffer, L"into %s\n", L"buffer");
+    EXPECT_TRUE(capture.Contains(L"连接失败（10061）：拒绝\n"));
+    EXPECT_TRUE(capture.Contains(L"worker 7\n"));
+    EXPECT_STREQ(buffer, L"into buffer\n");
 }
