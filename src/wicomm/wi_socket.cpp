@@ -200,6 +200,10 @@ LRESULT CALLBACK CWiSocket::WndProc(HWND hWnd, UINT nMessage, WPARAM wParam, LPA
     std::shared_ptr<CWiSocket> spSocket = ObjectOfWindow(hWnd);
     if (!spSocket)
         return DefWindowProcW(hWnd, nMessage, wParam, lParam);
+    // Cleanup on an application thread releases the objects one after another:
+    // what the peers of those already released cause meanwhile notifies nothing.
+    if (IsStopping() && (nMessage == WM_TIMER || nMessage == WM_WISOCKET_NOTIFY || nMessage == WM_WISOCKET_CLOSE))
+        return 0;
     // Exceptions of notifications that pass on must not cross the window system.
     try {
         switch (nMessage) {
