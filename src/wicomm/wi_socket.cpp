@@ -21,7 +21,7 @@ const long kMaskIdle = FD_READ | FD_CONNECT | FD_CLOSE;                // 49
 
 }  // namespace
 
-CWiSocket::CWiSocket() : m_hSocket(INVALID_SOCKET), m_hWnd(NULL), m_nTimerID(0), m_bInOnRead(0)
+CWiSocket::CWiSocket() : m_hSocket(INVALID_SOCKET), m_hWnd(NULL), m_nTimerID(0), m_bInOnRead(0), m_lSelected(-1)
 {
     if (s_bSinkClassRegistered == 0) {
         MyRegisterClass(g_hModuleInstance);
@@ -66,7 +66,7 @@ void CWiSocket::BeforeDelete()
         if (m_hWnd != NULL) {
             KillTimer(m_hWnd, (UINT_PTR)m_hWnd);
             if (m_hSocket != INVALID_SOCKET)
-                WSAAsyncSelect(m_hSocket, m_hWnd, 0, 0);
+                SelectEvents(0);
             DestroyWindow(m_hWnd);
             m_hWnd = NULL;
         }
@@ -101,13 +101,22 @@ int CWiSocket::AsyncSelect()
     // (WSAAsyncSelect only posts messages; it never waits for the window.)
     CScopeLock lock(m_csComm);
     bool bQueued = !m_listSendBuffer.empty();
-    return WSAAsyncSelect(m_hSocket, m_hWnd, WM_WISOCKET_NOTIFY, bQueued ? kMaskQueued : kMaskIdle);
+    return SelectEvents(bQueued ? kMaskQueued : kMaskIdle);
+}
+
+int CWiSocket::SelectEvents(long lMask)
+{
+    CScopeLock lock(m_csComm);
+    if (lMask == m_lSelected)
+        return 0;
+    m_lSelected = lMask;
+    return WSAAsyncSelect(m_hSocket, m_hWnd, lMask != 0 ? WM_WISOCKET_NOTIFY : 0, lMask);
 }
 
 void CWiSocket::SetToNonBlocking(int bNonBlocking)
 {
     if (bNonBlocking == 0)
-        WSAAsyncSelect(m_hSocket, m_hWnd, 0, 0);
+        SelectEvents(0);
     u_long nMode = (u_long)bNonBlocking;
     ioctlsocket(m_hSocket, FIONBIO, &nMode);
     if (bNonBlocking != 0)
@@ -251,6 +260,12 @@ LRESULT CWiSocket::OnSocketNotify(WPARAM wParam, LPARAM lParam)
         OnReadEvent(nError);
         break;
     case FD_WRITE:
+        {
+            // This FD_WRITE is used up: after a partial send (no refusal, so
+            // Winsock re-enables nothing) the next selection must be made again.
+            CScopeLock lock(m_csComm);
+            m_lSelected = -1;
+        }
         OnWiWrite(nError);
         break;
     case FD_ACCEPT:
@@ -347,7 +362,7 @@ void CWiSocket::OnTimer(UINT_PTR nIDEvent)
     if (m_hWnd == NULL || !IsWindow(m_hWnd) || nIDEvent != (UINT_PTR)m_hWnd)
         return;
     StopTimer();
-    WSAAsyncSelect(m_hSocket, m_hWnd, 0, 0);
+    SelectEvents(0);
     bool bNoTimeouts;
     {
         CScopeLock lock(m_csComm);

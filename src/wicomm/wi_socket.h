@@ -49,6 +49,13 @@ public:
     int AsyncSelect();
 
 protected:
+    // Every selection of the socket's events goes through here. A mask equal
+    // to the one set last is not set again: under Wine each
+    // WSAAsyncSelect posts the events that are ready again, and the events
+    // those messages cause re-arm once more, so a connection kept its window
+    // busy with dozens of empty messages per read. Winsock re-enables FD_READ
+    // at each recv and FD_WRITE after a refused send by itself.
+    int SelectEvents(long lMask);
     WORD MyRegisterClass(HINSTANCE hInstance);
     static LRESULT CALLBACK WndProc(HWND hWnd, UINT nMessage, WPARAM wParam, LPARAM lParam);
     LRESULT OnSocketNotify(WPARAM wParam, LPARAM lParam);
@@ -65,6 +72,7 @@ protected:
     HWND m_hWnd;
     UINT_PTR m_nTimerID;
     std::atomic<int> m_bInOnRead;
+    long m_lSelected;   // the mask set last (under m_csComm); -1: unknown
 
     static int s_bSinkClassRegistered;
 

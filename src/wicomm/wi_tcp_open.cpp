@@ -115,7 +115,7 @@ int CWiTcp::OpenTcpConnect(const char* pszOption)
     int nLocal = IpWildcard(remote.ss_family, (u_short)nLocalPort, local);
     int nResult = bind(m_hSocket, (sockaddr*)&local, nLocal);
     if (nResult == 0)
-        nResult = WSAAsyncSelect(m_hSocket, m_hWnd, WM_WISOCKET_NOTIFY, kMaskIdle);
+        nResult = SelectEvents(kMaskIdle);
     if (nResult == 0) {
         if (WSAConnect(m_hSocket, (sockaddr*)&remote, nRemote, NULL, NULL, NULL, NULL) == 0) {
             OnWiOpen(0);
@@ -186,7 +186,7 @@ int CWiTcp::OpenTcpListen(const char* pszOption)
     }
     if (!CallOpenNotify(shared_from_this()))
         return 0;
-    WSAAsyncSelect(m_hSocket, m_hWnd, WM_WISOCKET_NOTIFY, FD_ACCEPT);
+    SelectEvents(FD_ACCEPT);
     return 1;
 }
 
@@ -228,6 +228,10 @@ void CWiTcp::OnWiOpen(int nErrorCode)
         Close();
         return;
     }
+    // Each block goes out as it is sent: a reply in two sends must not wait
+    // for the peer's delayed acknowledgement of the first.
+    BOOL bNoDelay = TRUE;
+    setsockopt(m_hSocket, IPPROTO_TCP, TCP_NODELAY, (const char*)&bNoDelay, sizeof(bNoDelay));
     if (m_nSSLMode == 0 && !HandshakeAsClient()) {
         WiTrace(L"OpenSSL_connect failed\n");
         Close();

@@ -36,7 +36,7 @@ int CWiTcp::Write(const void* pData, unsigned long nLength)
     if (m_nType != TYPE_CONNECT)
         return 0;
     if (!m_bConnected) {
-        WSAAsyncSelect(m_hSocket, m_hWnd, WM_WISOCKET_NOTIFY, kMaskIdle);
+        SelectEvents(kMaskIdle);
         return 0;
     }
     if (m_nMaxSendBufferSize != 0 && m_nMaxSendBufferSize < m_nSendBufferSize) {
@@ -88,7 +88,7 @@ void CWiTcp::OnWiWrite(int)
 {
     CScopeLock lock(m_csComm);
     if (m_nType != TYPE_CONNECT || m_listSendBuffer.empty()) {
-        WSAAsyncSelect(m_hSocket, m_hWnd, WM_WISOCKET_NOTIFY, kMaskIdle);
+        SelectEvents(kMaskIdle);
         return;
     }
     SendBlock block = m_listSendBuffer.front();
