@@ -1,5 +1,9 @@
 #include "support/window_thread.h"
 
+#include <set>
+#include <sstream>
+#include <vector>
+
 namespace {
 
 const UINT kRunMessage = WM_APP + 0x57;   // wParam: the task
@@ -53,6 +57,46 @@ DWORD WINAPI WindowThread::Loop(LPVOID pParam)
     return 0;
 }
 
+namespace {
+
+// What a stuck thread is doing, for the failure message: the code addresses
+// found on its stack (a scan, not a walk: some are stale), as module+offset.
+std::string StackScan(HANDLE hThread)
+{
+    CONTEXT context = {};
+    context.ContextFlags = CONTEXT_CONTROL;
+    if (SuspendThread(hThread) == (DWORD)-1)
+        return "(thread not suspended)";
+    BOOL bGot = GetThreadContext(hThread, &context);
+    std::vector<ULONG_PTR> stack(4096);
+    SIZE_T nRead = 0;
+    for (size_t nWords = stack.size(); bGot && nWords >= 512 && nRead == 0; nWords /= 2)
+        ReadProcessMemory(GetCurrentProcess(), (LPCVOID)context.Rsp, stack.data(), nWords * sizeof(ULONG_PTR), &nRead);
+    ResumeThread(hThread);
+    if (!bGot)
+        return "(no context)";
+    std::ostringstream out;
+    std::set<std::string> seen;
+    std::vector<ULONG_PTR> addresses(1, (ULONG_PTR)context.Rip);
+    addresses.insert(addresses.end(), stack.begin(), stack.begin() + nRead / sizeof(ULONG_PTR));
+    for (ULONG_PTR address : addresses) {
+        HMODULE hModule = NULL;
+        if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                                (LPCWSTR)address, &hModule))
+            continue;
+        char szPath[MAX_PATH] = {};
+        GetModuleFileNameA(hModule, szPath, MAX_PATH);
+        const char* pName = strrchr(szPath, '\\') != nullptr ? strrchr(szPath, '\\') + 1 : szPath;
+        std::ostringstream entry;
+        entry << pName << "+0x" << std::hex << (address - (ULONG_PTR)hModule);
+        if (seen.insert(entry.str()).second && seen.size() <= 40)
+            out << " " << entry.str();
+    }
+    return out.str();
+}
+
+}  // namespace
+
 ::testing::AssertionResult WindowThread::Run(const std::function<void()>& fn, std::chrono::milliseconds timeout)
 {
     Task* pTask = new Task{fn, CreateEventW(NULL, TRUE, FALSE, NULL), 2};
@@ -66,7 +110,7 @@ DWORD WINAPI WindowThread::Loop(LPVOID pParam)
     if (rc == WAIT_OBJECT_0)
         return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "the window thread did not finish a task within " << timeout.count()
-                                         << " ms";
+                                         << " ms; on its stack:" << StackScan(m_hThread);
 }
 
 namespace {
