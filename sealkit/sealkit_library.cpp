@@ -2,19 +2,20 @@
 // count and the registry of open TLS handles.
 #include "sealkit_config.h"
 #include "sealkit_connection.h"
+#include "sealkit_handles.h"
 #include "sealkit_names.h"
 #include "sealkit_context.h"
 #include "sealkit_trace.h"
 
 #include <mutex>
-#include <unordered_set>
 
 namespace sealkit {
 
 namespace {
 
 // Shared by all threads. Connections in use are not locked here: calls for
-// one handle never overlap, calls for different handles run in parallel.
+// one handle never overlap, calls for different handles run in parallel, and
+// finding a handle's connection takes no lock.
 struct Library {
     std::mutex lock;
     int owners = 0;
@@ -24,7 +25,7 @@ struct Library {
     // the server side, and the other way round.
     Config clientConfig;
     Config serverConfig;
-    std::unordered_set<Connection*> handles;
+    HandleTable handles;
 };
 
 // Never destroyed: at unload OpenSSL's own clean-up may already have run.
@@ -62,18 +63,18 @@ ULONG_PTR Open(SOCKET socket, bool server)
     SSL_CTX_free(ctx);
     if (!connection)
         return 0;
-    std::lock_guard<std::mutex> guard(lib.lock);
-    lib.handles.insert(connection);
-    return reinterpret_cast<ULONG_PTR>(connection);
+    ULONG_PTR handle = lib.handles.Add(connection);
+    if (handle == 0) {
+        Trace(L"Sealkit: too many TLS handles open\n");
+        delete connection;
+    }
+    return handle;
 }
 
 // The connection behind a handle, or null for 0 or a handle already shut down.
 Connection* Find(ULONG_PTR handle)
 {
-    Library& lib = Lib();
-    Connection* connection = reinterpret_cast<Connection*>(handle);
-    std::lock_guard<std::mutex> guard(lib.lock);
-    return lib.handles.count(connection) ? connection : nullptr;
+    return Lib().handles.Find(handle);
 }
 
 int InvalidCall()
@@ -130,8 +131,8 @@ int Sealkit_Uninit(void)
             return 1;
         Replace(lib.client, nullptr);
         Replace(lib.server, nullptr);
-        open = lib.handles.size();
     }
+    open = lib.handles.Count();
     ReleaseEphemeralIdentity();
     if (open > 0)
         Trace(L"Sealkit: %u TLS handles still open at the last OPENSSL_uninit\n", (unsigned)open);
@@ -174,13 +175,9 @@ int Sealkit_Pending(ULONG_PTR hSSL)
 // socket stays open for the caller to close.
 int Sealkit_Shutdown(ULONG_PTR hSSL)
 {
-    Connection* connection = reinterpret_cast<Connection*>(hSSL);
-    {
-        Library& lib = Lib();
-        std::lock_guard<std::mutex> guard(lib.lock);
-        if (lib.handles.erase(connection) == 0)
-            return 0;
-    }
+    Connection* connection = Lib().handles.Remove(hSSL);
+    if (connection == nullptr)
+        return 0;
     connection->Shutdown();
     delete connection;
     return 1;

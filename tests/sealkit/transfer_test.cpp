@@ -138,6 +138,11 @@ TEST_F(SealkitTest, BadHandlesAndArgumentsFailClearly)
     EXPECT_EQ(-1, OPENSSL_read(stale, buffer, sizeof(buffer))) << "a handle already shut down";
     EXPECT_EQ(WSAEINVAL, WSAGetLastError());
     EXPECT_EQ(0, OPENSSL_shutdown(stale)) << "a second shutdown of one handle";
+    // Later connections take the freed memory: the stale handle must not reach them.
+    TlsPair later(false);
+    ASSERT_TRUE(later.Ok());
+    EXPECT_EQ(0, OPENSSL_shutdown(stale)) << "a stale handle shut a later connection down";
+    EXPECT_EQ(1, OPENSSL_write(later.client, "y", 1));
 }
 
 }  // namespace
