@@ -329,6 +329,7 @@ TEST_F(TransferTest, TlsHandshakeFailureOnBothSides)
     closesocket(raw);
     OnWindow([] {});
     EXPECT_EQ(std::vector<std::string>{"open"}, srv.Kinds()) << "the application hears nothing of it";
+    EXPECT_EQ(1u, TcpPeek::ActiveCount()) << "the object of the failed accept stayed registered";
     // A TLS client against a plain server: "OpenSSL_connect failed", then OnClose.
     Recorder& plainSrv = Rec();
     plainSrv.onOpen = [](CommPtr sp) {
