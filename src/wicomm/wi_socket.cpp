@@ -16,8 +16,6 @@ namespace {
 
 const wchar_t kSinkClassName[] = L"SocketSink";
 const wchar_t kSinkWindowTitle[] = L"Socket Notification Sink";
-const long kMaskQueued = FD_READ | FD_WRITE | FD_CONNECT | FD_CLOSE;   // 51
-const long kMaskIdle = FD_READ | FD_CONNECT | FD_CLOSE;                // 49
 
 }  // namespace
 

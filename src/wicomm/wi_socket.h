@@ -56,6 +56,8 @@ protected:
     // busy with dozens of empty messages per read. Winsock re-enables FD_READ
     // at each recv and FD_WRITE after a refused send by itself.
     int SelectEvents(long lMask);
+    static constexpr long kMaskIdle = FD_READ | FD_CONNECT | FD_CLOSE;   // 49
+    static constexpr long kMaskQueued = kMaskIdle | FD_WRITE;           // 51: blocks wait to be sent
     WORD MyRegisterClass(HINSTANCE hInstance);
     static LRESULT CALLBACK WndProc(HWND hWnd, UINT nMessage, WPARAM wParam, LPARAM lParam);
     LRESULT OnSocketNotify(WPARAM wParam, LPARAM lParam);

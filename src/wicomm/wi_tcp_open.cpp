@@ -16,7 +16,6 @@ IMPLEMENT_DYNAMIC(CWiTcp, CWiSocket)
 
 namespace {
 
-const long kMaskIdle = FD_READ | FD_CONNECT | FD_CLOSE;   // 49
 const size_t kMaxAddressText = 64;                        // the address field is shorter (IPv6 with a scope)
 const int kDefaultReadSize = 4096;
 const int kReadSlack = 100;                               // a buffer holds this much more than asked

@@ -11,7 +11,6 @@
 namespace {
 
 const int kBlockSize = 4096;
-const long kMaskIdle = FD_READ | FD_CONNECT | FD_CLOSE;   // 49
 
 SendBlock MakeBlock(int bFirstBlock, const char* pData, int nLength, int nCapacity)
 {
