@@ -25,8 +25,7 @@ TEST_F(StackTest, DataBothWaysIsByteExactAndInOrder)
         ASSERT_EQ(static_cast<int>(size), c->Send(chunk.data(), static_cast<int>(size), 0));
         all += chunk;
     }
-    ASSERT_TRUE(Eventually([&] { return client->Received(c.get()).size() >= all.size(); }, "whole echo back",
-                           std::chrono::seconds(30)));
+    ASSERT_TRUE(client->receives.WaitAtLeast(static_cast<long>(all.size()), "whole echo back", std::chrono::seconds(30)));
     EXPECT_TRUE(client->Received(c.get()) == all) << "echo differs from what was sent";
     const COverlappedSocket* accepted = Accepted(*server);
     ASSERT_NE(nullptr, accepted);
