@@ -101,7 +101,6 @@ DWORD WINAPI COverlappedSSL::WaitForNetworkEventThread(void* pContext)
     if (spSocket)
         spSocket->WaitForNetworkEvent();
     delete pWait;
-    spSocket.reset();
     return 0;
 }
 
