@@ -115,7 +115,7 @@ TEST_F(StackTest, ReceiveTimeoutsReportMoveRearmAndEnd)
     ULONGLONG t0 = GetTickCount64();
     a->SetReceiveTimeout(5000);
     b->SetReceiveTimeout(2000);
-    c->SetReceiveTimeout(3000);   // falls due a pass after B's first report, so that C's receive comes first
+    c->SetReceiveTimeout(4000);   // falls due two passes after B's first report, so that C's receive comes first
     d->SetReceiveTimeout(1000);
     e->SetReceiveTimeout(10000);
     e->Close();   // its entry goes at once, without a report
