@@ -73,8 +73,8 @@ TEST_F(StackTest, NamesOfBothEnds)
 
 TEST_F(StackTest, RefusedConnectGivesOnConnectThenOnCloseWithTheError)
 {
-    unsigned short nobody = FreeLoopbackPort();
-    SocketPtr c = ConnectTo(nobody);
+    RefusingPort nobody;
+    SocketPtr c = ConnectTo(nobody.port);
     ASSERT_TRUE(client->closes.WaitAtLeast(1, "OnClose after refused connect"));
     Log log = client->Log(c.get());
     ASSERT_EQ(2u, log.size());

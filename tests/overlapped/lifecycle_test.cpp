@@ -85,7 +85,8 @@ TEST_F(StackTest, DestoryClosesEverythingEndsEveryThreadAndTwiceIsHarmless)
     ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
     std::string big = Pattern(256 * 1024);
     c->Send(big.data(), static_cast<int>(big.size()), 0);   // a send side busy at Destory
-    SocketPtr pending = ConnectTo(FreeLoopbackPort());
+    RefusingPort nobody;
+    SocketPtr pending = ConnectTo(nobody.port);
 
     factory->Destory();
     EXPECT_EQ(1, c->IsClose());

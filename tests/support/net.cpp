@@ -23,6 +23,21 @@ unsigned short FreeLoopbackPort()
     return port;
 }
 
+RefusingPort::RefusingPort() : m_s(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP))
+{
+    sockaddr_in addr = Loopback(0);
+    int len = sizeof(addr);
+    if (m_s != INVALID_SOCKET && bind(m_s, (sockaddr*)&addr, sizeof(addr)) == 0 &&
+        getsockname(m_s, (sockaddr*)&addr, &len) == 0)
+        port = ntohs(addr.sin_port);
+}
+
+RefusingPort::~RefusingPort()
+{
+    if (m_s != INVALID_SOCKET)
+        closesocket(m_s);
+}
+
 SOCKET ListenLoopback(unsigned short& port, int backlog)
 {
     SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);

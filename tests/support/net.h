@@ -15,6 +15,23 @@ public:
 // A TCP port on 127.0.0.1 that nothing listens on right now.
 unsigned short FreeLoopbackPort();
 
+// A port on 127.0.0.1 that is bound but not listening, held while the object
+// lives: a connect to it is refused, and no other program's listener can be
+// given it meanwhile (a port found free and let go can be, and a stray
+// connect of a test would then count as that program's client).
+class RefusingPort {
+public:
+    RefusingPort();
+    ~RefusingPort();
+    unsigned short port = 0;
+
+private:
+    RefusingPort(const RefusingPort&) = delete;
+    RefusingPort& operator=(const RefusingPort&) = delete;
+    WinsockScope m_winsock;
+    SOCKET m_s = INVALID_SOCKET;
+};
+
 // A plain blocking listener on 127.0.0.1:port (port 0: any); returns the socket
 // and stores the port. INVALID_SOCKET on failure.
 SOCKET ListenLoopback(unsigned short& port, int backlog = SOMAXCONN);

@@ -66,10 +66,10 @@ TEST_F(TlsOrder, HandshakeFailureGivesOnCloseWithoutOnConnectAndKeepsThePool)
 
 TEST_F(TlsOrder, RefusedConnectGivesOnConnectAndOnCloseWithTheErrorAndNoTls)
 {
-    WinsockScope winsock;
+    RefusingPort nobody;
     SocketPtr spSocket = m_spFactory->CreateSocket(m_spClient, 0, L"127.0.0.1");
     ASSERT_TRUE(spSocket);
-    ASSERT_TRUE(spSocket->Connect(L"127.0.0.1", FreeLoopbackPort()));
+    ASSERT_TRUE(spSocket->Connect(L"127.0.0.1", nobody.port));
     const COverlappedSocket* p = spSocket.get();
     spSocket.reset();
     ASSERT_TRUE(m_spClient->deletes.WaitAtLeast(1, "the refused socket deleted"));

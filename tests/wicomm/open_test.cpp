@@ -158,7 +158,8 @@ TEST_F(OpenTest, PortIsCutToSixteenBits)
 TEST_F(OpenTest, RefusedConnectGivesOpenErrorThenClose)
 {
     Recorder& cli = Rec();
-    m_port = FreeLoopbackPort();
+    RefusingPort nobody;
+    m_port = nobody.port;
     CommPtr client = Connect(&cli);
     ASSERT_TRUE(client) << "the refusal comes later, as FD_CONNECT";
     ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("close") == 1; }, "OnClose after the refusal"));
