@@ -14,10 +14,9 @@ namespace {
 
 class Echo : public ICommNotifyObject {
 public:
-    void OnOpen(std::shared_ptr<CWiComm> spComm) override
-    {
-        spComm->SetTimeouts(0, 0, 0, 0);   // deliver what arrived, at once
-    }
+    // Plain reads deliver what arrived (up to the 1024-byte read size the
+    // stack sets after OnOpen): nothing to set.
+    void OnOpen(std::shared_ptr<CWiComm>) override {}
     void OnClose(std::shared_ptr<CWiComm> spComm) override { spComm->Close(); }
     void OnReadComplete(const void* pData, int nLength, std::shared_ptr<CWiComm> spComm) override
     {
