@@ -1,5 +1,7 @@
 #include "support/window_thread.h"
 
+#include <tlhelp32.h>
+
 #include <set>
 #include <sstream>
 #include <vector>
@@ -24,8 +26,26 @@ void Release(Task* pTask)
 
 }  // namespace
 
+namespace {
+
+// Wine connects a process to its desktop and loads the display driver on the
+// process's first window calls. Done once here, on the thread that makes the
+// window threads and before any of them runs: a window thread once hung in
+// its first RegisterClassExW while another thread of the process started up.
+bool FirstWindowOfTheProcess()
+{
+    HWND hWnd = CreateWindowExW(0, L"STATIC", L"", WS_POPUP, 0, 0, 0, 0, NULL, NULL, NULL, NULL);
+    MSG msg;
+    PeekMessageW(&msg, NULL, 0, 0, PM_NOREMOVE);
+    return hWnd != NULL && DestroyWindow(hWnd) != FALSE;
+}
+
+}  // namespace
+
 WindowThread::WindowThread() : m_hThread(NULL), m_nThreadId(0), m_hReady(CreateEventW(NULL, TRUE, FALSE, NULL))
 {
+    static const bool s_bWindowsReady = FirstWindowOfTheProcess();
+    (void)s_bWindowsReady;
     m_hThread = CreateThread(NULL, 0, &WindowThread::Loop, this, 0, &m_nThreadId);
     WaitForSingleObject(m_hReady, 10000);
 }
@@ -65,10 +85,10 @@ std::string StackScan(HANDLE hThread)
 {
     CONTEXT context = {};
     context.ContextFlags = CONTEXT_CONTROL;
+    std::vector<ULONG_PTR> stack(4096);   // before the suspension: the thread may hold the heap's lock
     if (SuspendThread(hThread) == (DWORD)-1)
         return "(thread not suspended)";
     BOOL bGot = GetThreadContext(hThread, &context);
-    std::vector<ULONG_PTR> stack(4096);
     SIZE_T nRead = 0;
     for (size_t nWords = stack.size(); bGot && nWords >= 512 && nRead == 0; nWords /= 2)
         ReadProcessMemory(GetCurrentProcess(), (LPCVOID)context.Rsp, stack.data(), nWords * sizeof(ULONG_PTR), &nRead);
@@ -95,6 +115,28 @@ std::string StackScan(HANDLE hThread)
     return out.str();
 }
 
+// The stacks of the process's other threads: the one a stuck thread waits
+// for is among them.
+std::string OtherStacks(DWORD nStuckThread)
+{
+    std::ostringstream out;
+    HANDLE hSnapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    THREADENTRY32 entry = {};
+    entry.dwSize = sizeof(entry);
+    for (BOOL bMore = Thread32First(hSnapshot, &entry); bMore; bMore = Thread32Next(hSnapshot, &entry)) {
+        if (entry.th32OwnerProcessID != GetCurrentProcessId() || entry.th32ThreadID == nStuckThread ||
+            entry.th32ThreadID == GetCurrentThreadId())
+            continue;
+        HANDLE hThread = OpenThread(THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT, FALSE, entry.th32ThreadID);
+        if (hThread == NULL)
+            continue;
+        out << "\n  thread " << entry.th32ThreadID << ":" << StackScan(hThread);
+        CloseHandle(hThread);
+    }
+    CloseHandle(hSnapshot);
+    return out.str();
+}
+
 }  // namespace
 
 ::testing::AssertionResult WindowThread::Run(const std::function<void()>& fn, std::chrono::milliseconds timeout)
@@ -110,7 +152,7 @@ std::string StackScan(HANDLE hThread)
     if (rc == WAIT_OBJECT_0)
         return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "the window thread did not finish a task within " << timeout.count()
-                                         << " ms; on its stack:" << StackScan(m_hThread);
+                                         << " ms; on its stack:" << StackScan(m_hThread) << OtherStacks(m_nThreadId);
 }
 
 namespace {
