@@ -28,7 +28,7 @@ public:
     std::function<DWORD(SocketPtr)> onTimeout;
     bool echo = false;   // send every received byte back
 
-    EventCounter connects, closes, deletes, receives, timeouts;
+    EventCounter connects, closes, deletes, receives, sends, timeouts;   // receives counts bytes
 
     void OnConnect(int nErrorCode, SocketPtr spSocket) override
     {
@@ -74,6 +74,7 @@ public:
         }
         if (onSend)
             onSend(nLength, spSocket);
+        sends.Add();
     }
     DWORD OnReceiveTimeout(SocketPtr spSocket) override
     {

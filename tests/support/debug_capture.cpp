@@ -116,6 +116,16 @@ bool DebugCapture::WaitFor(const std::wstring& text, size_t n, std::chrono::mill
     });
 }
 
+bool DebugCapture::WaitForStart(const std::wstring& prefix, std::chrono::milliseconds timeout) const
+{
+    CaptureState& state = State();
+    std::unique_lock<std::mutex> lock(state.mutex);
+    return state.changed.wait_for(lock, timeout, [&] {
+        return std::any_of(state.texts.begin(), state.texts.end(),
+                           [&](const std::wstring& text) { return text.compare(0, prefix.size(), prefix) == 0; });
+    });
+}
+
 void DebugCapture::Clear()
 {
     CaptureState& state = State();

@@ -26,6 +26,8 @@ public:
     // Waits until text has been written at least n times.
     bool WaitFor(const std::wstring& text, size_t n = 1,
                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    // Waits until a text that begins with prefix has been written.
+    bool WaitForStart(const std::wstring& prefix, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     void Clear();
 
 private:
