@@ -3,6 +3,7 @@
 #include "support/test_pki.h"
 
 #include "module/scope_lock.h"
+#include "support/leak.h"
 #include "support/pattern.h"
 
 #include <cstdio>
@@ -168,13 +169,22 @@ void WiCommTest::SetUp()
     m_window.reset(new WindowThread);
     m_window2.reset(new WindowThread);
     m_debug.Clear();
+    m_nHandles = ProcessHandleCount();
 }
 
+// Whatever a test left open, Cleanup leaves no object, window or handle.
 void WiCommTest::TearDown()
 {
     // The stop runs on the window thread, so windows still open go at once.
-    m_window->Run([] { CWiComm::Cleanup(); });
-    m_window2->Run([] {});   // windows of the second thread close there
+    EXPECT_TRUE(m_window->Run([] { CWiComm::Cleanup(); }));
+    EXPECT_TRUE(m_window2->Run([] {}));   // windows of the second thread close there
+    listener.reset(), client.reset(), accepted.reset();
+    for (Recorder& rec : m_recorders)
+        rec.Forget();
+    EXPECT_EQ(0u, TcpPeek::ActiveCount() + TcpPeek::DeadCount()) << "objects registered after Cleanup";
+    EXPECT_EQ(0, SinkWindowsOf(m_window->ThreadId()) + SinkWindowsOf(m_window2->ThreadId()));
+    EXPECT_TRUE(Eventually([&] { return ProcessHandleCount() <= m_nHandles; }, "handles back after Cleanup"))
+        << ProcessHandleCount() << " handles, " << m_nHandles << " before the test";
     m_window.reset();
     m_window2.reset();
 }

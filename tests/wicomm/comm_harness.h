@@ -96,6 +96,7 @@ protected:
     std::unique_ptr<WindowThread> m_window2;
     DebugCapture m_debug;
     unsigned short m_port = 0;
+    long m_nHandles = 0;
 };
 
 // A listener whose accept queue is full: the next connect stays under way.
