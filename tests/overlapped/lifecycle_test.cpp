@@ -8,6 +8,7 @@ const Log kAcceptNeverConnected = {"OnClose(0)", "OnDelete"};
 
 }  // namespace
 
+
 TEST(FactoryCreation, WorkerCountFollowsTheProcessorRule)
 {
     EXPECT_EQ(8, COverlappedSocketFactory::WorkThreadCountFor(0, 4));
@@ -17,12 +18,32 @@ TEST(FactoryCreation, WorkerCountFollowsTheProcessorRule)
     EXPECT_EQ(16, COverlappedSocketFactory::WorkThreadCountFor(17, 4));
 }
 
-TEST(FactoryCreation, UnknownKindGivesNothingAndHoldsNothing)
+// Winsock's start count of the process: WSACleanup until it refuses, then as
+// many WSAStartup again. (No socket may be open: the last WSACleanup ends them.)
+int WinsockStarts()
 {
+    int n = 0;
+    while (WSACleanup() == 0)
+        ++n;
+    WSADATA data;
+    for (int i = 0; i < n; ++i)
+        WSAStartup(MAKEWORD(2, 2), &data);
+    return n;
+}
+
+TEST(FactoryCreation, UnknownKindHoldsNothingAndDestoryEndsTheWinsockStart)
+{
+    const int nStarts = WinsockStarts();
     LeakBaseline baseline;
     EXPECT_FALSE(COverlappedSocketFactory::CreateObject(2, 1));
     EXPECT_FALSE(COverlappedSocketFactory::CreateObject(-1, 1));
     EXPECT_TRUE(baseline.Check("failed CreateObject"));
+    EXPECT_EQ(nStarts, WinsockStarts()) << "a failed CreateObject keeps no Winsock start";
+    FactoryPtr factory = COverlappedSocketFactory::CreateObject(0, 1);
+    ASSERT_TRUE(factory);
+    EXPECT_EQ(nStarts + 1, WinsockStarts());
+    factory->Destory();
+    EXPECT_EQ(nStarts, WinsockStarts()) << "Destory ends the factory's Winsock start";
 }
 
 TEST_F(StackTest, AcceptPoolKeepsItsSizeAndIsNotRefilledFromAClosedListenSocket)
