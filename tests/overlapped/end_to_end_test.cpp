@@ -124,7 +124,9 @@ TEST_F(StackTest, ApplicationCloseReportsOnTheCallingThreadAndEndsThePeer)
     ASSERT_TRUE(s);
     EXPECT_EQ(1, s->IsConnected());
     EXPECT_EQ(listen, s->GetListenSocket());
+    server->onClose = [](int, SocketPtr s) { EXPECT_TRUE(OtherThreadGetsThrough(s)); };
     s->Close();
+    server->onClose = nullptr;
     EXPECT_EQ(GetCurrentThreadId(), server->CloseThread(s.get()));
     EXPECT_EQ(0, s->IsConnected());
     EXPECT_FALSE(s->GetListenSocket());

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -14,6 +15,24 @@
 #include "support/debug_capture.h"
 #include "support/leak.h"
 #include "support/net.h"
+
+// For a hook: another thread's call into the socket gets through while the
+// notification runs (no lock of the socket is held around notifications).
+inline ::testing::AssertionResult OtherThreadGetsThrough(const SocketPtr& s)
+{
+    auto done = std::make_shared<TestEvent>();
+    std::thread other([s, done] {
+        s->GetWaitSendListPackSize();   // takes the socket's lock
+        done->Set();
+    });
+    auto result = done->Wait("another thread's call on the socket while a notification of it runs",
+                             std::chrono::seconds(5));
+    if (result)
+        other.join();
+    else
+        other.detach();   // it waits for this notification to return
+    return result;
+}
 
 class StackTest : public ::testing::Test {
 protected:

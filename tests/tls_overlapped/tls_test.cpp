@@ -148,6 +148,15 @@ TEST_F(TlsTest, CloseFromInsideOnReceiveAndOnCloseReportsOnce)
     EXPECT_EQ(WSAENOTSOCK, WSAGetLastError());
 }
 
+TEST_F(TlsTest, CloseFromAnApplicationThreadReportsWithoutHoldingTheSocket)
+{
+    client->onClose = [](int, SocketPtr s) { EXPECT_TRUE(OtherThreadGetsThrough(s)); };
+    SocketPtr s = ConnectTls();
+    ASSERT_TRUE(client->connects.WaitAtLeast(1, "client OnConnect"));
+    s->Close();
+    EXPECT_EQ(1, client->closes.Get()) << "OnClose on the thread of Close";
+}
+
 TEST_F(TlsTest, CloseFromInsideOnConnectLeavesNoReferenceToItself)
 {
     server->onConnect = [](int nError, SocketPtr s) {
