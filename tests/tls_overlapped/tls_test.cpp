@@ -215,7 +215,7 @@ TEST_F(TlsTest, SilentPeersDontHoldUpARealClient)
 TEST_F(TlsTest, EveryByteComesBackFromOneByteToEightMegabytesAndSmallSendsMerge)
 {
     server->echo = true;
-    long nExpected = 0;
+    long nExpected = 0, nDone = 0;
     for (size_t nSize : {size_t(1), size_t(4095), size_t(4096), size_t(4097), size_t(65543), size_t(8 << 20)}) {
         SCOPED_TRACE("size " + std::to_string(nSize));
         SocketPtr s = ConnectTls();
@@ -225,6 +225,8 @@ TEST_F(TlsTest, EveryByteComesBackFromOneByteToEightMegabytesAndSmallSendsMerge)
         ASSERT_TRUE(client->receives.WaitAtLeast(nExpected, "the echo of all bytes", std::chrono::seconds(60)));
         EXPECT_TRUE(client->Received(s.get()) == data) << "echoed bytes differ";
         s->Close();
+        s.reset();
+        ASSERT_TRUE(client->deletes.WaitAtLeast(++nDone, "the client socket deleted"));
     }
     // 3000 sends of 7 bytes are merged into records of 4096 bytes: far fewer writes than sends.
     long nSends = client->sends.Get();
