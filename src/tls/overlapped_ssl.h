@@ -6,7 +6,8 @@
 // writes. Incoming data is announced by FD_READ on one WSAEventSelect event,
 // watched by a one-shot registered wait that is re-armed from a work item;
 // outgoing data is queued by Send and flushed on a worker, or on FD_WRITE
-// after a would-block.
+// after a would-block. What Send queues from inside the socket's own
+// OnReceive goes out on that thread as soon as OnReceive returns.
 #ifndef WISOCK_TLS_OVERLAPPED_SSL_H
 #define WISOCK_TLS_OVERLAPPED_SSL_H
 
@@ -72,6 +73,8 @@ private:
     // Receive path (caller holds m_csLock).
     bool ReadPass(int& nError);
     bool HasMoreToRead();
+    bool IsDeliveringHere() const;
+    void Deliver(const std::shared_ptr<ISocketNotifyObject>& spNotify, const std::shared_ptr<COverlappedSocket>& spSelf);
     // Worker.
     void OnPortCompletion(COverlappedInfo* pInfo);
     bool OnPortFailure(COverlappedInfo* pInfo, int nErrorCode, int nWSAGetLastError, CString& strTrace);
@@ -84,6 +87,9 @@ private:
     void EndConnection(SOCKET hSocket, const std::shared_ptr<COverlappedSocket>& spListenSocket);
     // Set by the peer's close (FD_CLOSE) for the OnClose that Close reports.
     int m_nPeerCloseError = 0;
+    // Records that Send queued from inside this socket's OnReceive, on the
+    // delivering thread: that thread flushes them when OnReceive returns.
+    BOOL m_bFlushAfterDelivery = FALSE;
 };
 
 #endif

@@ -11,6 +11,9 @@ namespace {
 
 const int kReadFailLimit = 100;
 
+// The socket whose OnReceive runs on this thread, if any.
+thread_local const COverlappedSSL* t_pDelivering = nullptr;
+
 bool IsSoftReadFailure(int nError)
 {
     return nError == WSAEWOULDBLOCK || nError == ERROR_IO_PENDING || nError == WSAETIMEDOUT || nError == 0;
@@ -52,8 +55,7 @@ void COverlappedSSL::OnReceive(int nErrorCode)
         if (m_RecvInfo.m_nDataLength == 0)
             break;
         lock.Unlock();
-        CSocketNotifyCall::OnReceive(spNotify, 0, m_RecvInfo.m_pBuffer, static_cast<int>(m_RecvInfo.m_nDataLength),
-                                     spSelf);
+        Deliver(spNotify, spSelf);
         lock.Lock();
         // Closed during the delivery: the TLS handle is gone, so the burst
         // ends without touching the library.
@@ -63,6 +65,25 @@ void COverlappedSSL::OnReceive(int nErrorCode)
     m_bReceiving = FALSE;
     lock.Unlock();
     PrepareRecv();
+}
+
+bool COverlappedSSL::IsDeliveringHere() const { return t_pDelivering == this; }
+
+// One OnReceive of the staged data, then the flush of what it sent.
+void COverlappedSSL::Deliver(const std::shared_ptr<ISocketNotifyObject>& spNotify,
+                             const std::shared_ptr<COverlappedSocket>& spSelf)
+{
+    const COverlappedSSL* pOuter = t_pDelivering;
+    t_pDelivering = this;
+    CSocketNotifyCall::OnReceive(spNotify, 0, m_RecvInfo.m_pBuffer, static_cast<int>(m_RecvInfo.m_nDataLength),
+                                 spSelf);
+    t_pDelivering = pOuter;
+    CScopeLock lock(m_csLock);
+    if (!m_bFlushAfterDelivery)
+        return;
+    m_bFlushAfterDelivery = FALSE;
+    lock.Unlock();
+    SendBufferedData();
 }
 
 // Caller holds m_csLock. Reads until the library has nothing more; false if

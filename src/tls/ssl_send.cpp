@@ -1,6 +1,7 @@
-// The TLS send path: Send queues records and wakes a worker through the port;
-// the flush hands one record at a time to OPENSSL_write under the socket
-// lock, and after a would-block waits for FD_WRITE.
+// The TLS send path: Send queues records and wakes a worker through the port
+// (or, inside the socket's own OnReceive, leaves them to the delivering
+// thread); the flush hands one record at a time to OPENSSL_write under the
+// socket lock, and after a would-block waits for FD_WRITE.
 #include <cstring>
 #include <new>
 
@@ -45,8 +46,14 @@ int COverlappedSSL::Send(const void* pData, int nLength, int nFlags)
         pNext += nCopy;
         nRemaining -= nCopy;
     }
-    if (!m_listWaitSend.empty())
-        PostSendWakeUp();
+    if (!m_listWaitSend.empty()) {
+        // Inside this socket's OnReceive the delivering thread flushes when
+        // the notification returns, which spares a hand-off to a worker.
+        if (IsDeliveringHere())
+            m_bFlushAfterDelivery = TRUE;
+        else
+            PostSendWakeUp();
+    }
     WSASetLastError(nError);
     return nLength - static_cast<int>(nRemaining);
 }
