@@ -52,9 +52,10 @@ protected:
     {
         if (factory)
             factory->Destory();
-        factory.reset();
+        // Destory lets go of every socket: they end while the factory object lives on.
         ExpectEveryOnDeleteOnceAndLast(*server, "server");
         ExpectEveryOnDeleteOnceAndLast(*client, "client");
+        factory.reset();
         EXPECT_TRUE(baseline->Check(::testing::UnitTest::GetInstance()->current_test_info()->name()));
     }
 

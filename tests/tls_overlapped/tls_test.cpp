@@ -153,6 +153,7 @@ TEST_F(TlsTest, CloseFromAnApplicationThreadReportsWithoutHoldingTheSocket)
     client->onClose = [](int, SocketPtr s) { EXPECT_TRUE(OtherThreadGetsThrough(s)); };
     SocketPtr s = ConnectTls();
     ASSERT_TRUE(client->connects.WaitAtLeast(1, "client OnConnect"));
+    s->SetReceiveTimeout(60000);   // its entry must not keep the closed socket alive
     s->Close();
     EXPECT_EQ(1, client->closes.Get()) << "OnClose on the thread of Close";
 }
@@ -212,7 +213,7 @@ TEST_F(TlsTest, SilentPeersDontHoldUpARealClient)
         closesocket(s);
 }
 
-TEST_F(TlsTest, EveryByteComesBackFromOneByteToEightMegabytesAndSmallSendsMerge)
+TEST_F(TlsTest, EveryByteComesBackFromOneByteToEightMegabytes)
 {
     server->echo = true;
     long nExpected = 0, nDone = 0;
@@ -228,14 +229,17 @@ TEST_F(TlsTest, EveryByteComesBackFromOneByteToEightMegabytesAndSmallSendsMerge)
         s.reset();
         ASSERT_TRUE(client->deletes.WaitAtLeast(++nDone, "the client socket deleted"));
     }
-    // 3000 sends of 7 bytes are merged into records of 4096 bytes: far fewer writes than sends.
-    long nSends = client->sends.Get();
+}
+
+TEST_F(TlsTest, SmallSendsMergeIntoRecords)
+{
+    server->echo = true;
     SocketPtr s = ConnectTls();
     std::string data = Pattern(3000 * 7, 7);
     SendInPieces(s, data, 7);
-    ASSERT_TRUE(client->receives.WaitAtLeast(nExpected + 21000, "the echo of 3000 small sends"));
+    ASSERT_TRUE(client->receives.WaitAtLeast(21000, "the echo of 3000 small sends"));
     EXPECT_TRUE(client->Received(s.get()) == data);
-    EXPECT_LT(client->sends.Get() - nSends, 3000);
+    EXPECT_LT(client->sends.Get(), 3000) << "records of 4096 bytes: far fewer writes than sends";
 }
 
 // Over IPv6 the client checks the certificate's IP address ::1.
