@@ -6,11 +6,6 @@
 #include "support/leak.h"
 #include "support/pattern.h"
 
-#include <cstdio>
-
-// Unbuffered, so that a program ctest kills at its time-out still shows what
-// it printed before (a pipe is fully buffered otherwise).
-[[maybe_unused]] static const int g_nUnbuffered = setvbuf(stdout, nullptr, _IONBF, 0);
 
 // ---- Recorder -------------------------------------------------------------------
 
