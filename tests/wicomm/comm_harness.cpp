@@ -58,34 +58,42 @@ void Recorder::OnError(int nOperation, int nErrorCode, CommPtr spComm)
         onError(nOperation, nErrorCode, spComm);
 }
 
-std::vector<CommEvent> Recorder::Events() const
+std::vector<CommEvent> Recorder::Events(const std::string& kind, CWiComm* pComm) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_events;
+    std::vector<CommEvent> out;
+    for (const CommEvent& e : m_events)
+        if ((kind.empty() || e.kind == kind) && (pComm == nullptr || e.pComm == pComm))
+            out.push_back(e);
+    return out;
 }
 
 std::vector<std::string> Recorder::Kinds(CWiComm* pComm) const
 {
     std::vector<std::string> out;
-    for (const CommEvent& e : Events()) {
-        if (pComm != nullptr && e.pComm != pComm)
-            continue;
-        std::string text = e.kind;
-        if (e.kind == "read" || e.kind == "write")
-            text += ":" + std::to_string(e.a);
-        else if (e.kind == "error")
-            text += ":" + std::to_string(e.a) + ":" + std::to_string(e.b);
-        out.push_back(text);
+    for (const CommEvent& e : Events("", pComm)) {
+        out.push_back(e.kind);
+        if (e.kind == "read" || e.kind == "write" || e.kind == "error")
+            out.back() += ":" + std::to_string(e.a);
+        if (e.kind == "error")
+            out.back() += ":" + std::to_string(e.b);
     }
     return out;
 }
 
-int Recorder::Count(const std::string& kind, CWiComm* pComm) const
+std::vector<int> Recorder::Lengths(const std::string& kind, CWiComm* pComm) const
 {
-    int n = 0;
-    for (const CommEvent& e : Events())
-        if (e.kind == kind && (pComm == nullptr || e.pComm == pComm))
-            ++n;
+    std::vector<int> out;
+    for (const CommEvent& e : Events(kind, pComm))
+        out.push_back(e.a);
+    return out;
+}
+
+long Recorder::WrittenBytes(CWiComm* pComm) const
+{
+    long n = 0;
+    for (int nLength : Lengths("write", pComm))
+        n += nLength;
     return n;
 }
 
@@ -96,24 +104,6 @@ std::string Recorder::Data(CWiComm* pComm) const
     for (const auto& d : m_data)
         if (d.first == pComm)
             out += d.second;
-    return out;
-}
-
-long Recorder::WrittenBytes(CWiComm* pComm) const
-{
-    long n = 0;
-    for (const CommEvent& e : Events())
-        if (e.kind == "write" && e.pComm == pComm)
-            n += e.a;
-    return n;
-}
-
-std::vector<int> Recorder::Lengths(const std::string& kind, CWiComm* pComm) const
-{
-    std::vector<int> out;
-    for (const CommEvent& e : Events())
-        if (e.kind == kind && e.pComm == pComm)
-            out.push_back(e.a);
     return out;
 }
 
@@ -177,7 +167,7 @@ void WiCommTest::TearDown()
     for (Recorder& rec : m_recorders)
         rec.Forget();
     EXPECT_EQ(0u, TcpPeek::ActiveCount() + TcpPeek::DeadCount()) << "objects registered after Cleanup";
-    EXPECT_EQ(0, SinkWindowsOf(m_window->ThreadId()) + SinkWindowsOf(m_window2->ThreadId()));
+    EXPECT_EQ(0, SinkWindowsOfThisProcess());
     EXPECT_TRUE(Eventually([&] { return ProcessHandleCount() <= m_nHandles; }, "handles back after Cleanup"))
         << ProcessHandleCount() << " handles, " << m_nHandles << " before the test";
     m_window.reset();
@@ -206,14 +196,15 @@ CommPtr WiCommTest::Connect(ICommNotifyObject* pNotify, int nSSLMode, bool bSeco
     return Make(ConnectOption(), pNotify, nSSLMode, bSecond);
 }
 
-void WiCommTest::Pair(Recorder& srv, Recorder& cli, int nServerMode, int nClientMode)
+void WiCommTest::Pair(int nServerMode, int nClientMode)
 {
+    const int nClientOpens = cli.Count("open"), nServerOpens = srv.Count("open");
     listener = Listen(&srv, nServerMode);
     ASSERT_TRUE(listener);
     client = Connect(&cli, nClientMode, nServerMode == 1 || nClientMode == 0);
     ASSERT_TRUE(client);
-    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "client OnOpen"));
-    ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == 2; }, "accepted OnOpen"));
+    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == nClientOpens + 1; }, "client OnOpen"));
+    ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == nServerOpens + 2; }, "accepted OnOpen"));
     accepted = srv.LastOpened();
     srv.Forget();
 }
@@ -255,28 +246,15 @@ size_t TcpPeek::ActiveCount()
     return TcpPeek::ms_ActiveComm.size();
 }
 
-namespace {
-
-struct SinkCount {
+int SinkWindowsOfThisProcess()
+{
     int n = 0;
-};
-
-BOOL CALLBACK CountSink(HWND hWnd, LPARAM lParam)
-{
-    wchar_t name[64] = {};
-    GetClassNameW(hWnd, name, 64);
-    if (wcscmp(name, L"SocketSink") == 0)
-        ++reinterpret_cast<SinkCount*>(lParam)->n;
-    return TRUE;
-}
-
-}  // namespace
-
-int SinkWindowsOf(DWORD nThread)
-{
-    SinkCount count;
-    EnumThreadWindows(nThread, CountSink, (LPARAM)&count);
-    return count.n;
+    for (HWND hWnd = NULL; (hWnd = FindWindowExW(NULL, hWnd, L"SocketSink", NULL)) != NULL;) {
+        DWORD nProcess = 0;
+        GetWindowThreadProcessId(hWnd, &nProcess);
+        n += nProcess == GetCurrentProcessId() ? 1 : 0;
+    }
+    return n;
 }
 
 std::vector<char> Pattern(size_t size, unsigned seed) { return PatternBytes<std::vector<char>>(size, seed); }

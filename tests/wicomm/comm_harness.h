@@ -43,13 +43,14 @@ public:
     void OnWriteComplete(int nLength, CommPtr spComm) override;
     void OnError(int nOperation, int nErrorCode, CommPtr spComm) override;
 
+    // Events of a kind ("" for all), of one object (all with null).
+    std::vector<CommEvent> Events(const std::string& kind = "", CWiComm* pComm = nullptr) const;
+    int Count(const std::string& kind, CWiComm* pComm = nullptr) const { return (int)Events(kind, pComm).size(); }
     // "open", "read:5", "error:1:-1", ... for one object (all with null).
     std::vector<std::string> Kinds(CWiComm* pComm = nullptr) const;
-    std::vector<CommEvent> Events() const;
-    int Count(const std::string& kind, CWiComm* pComm = nullptr) const;
-    std::string Data(CWiComm* pComm) const;      // all bytes read by the object
+    std::vector<int> Lengths(const std::string& kind, CWiComm* pComm) const;   // read/write lengths
     long WrittenBytes(CWiComm* pComm) const;     // sum of OnWriteComplete lengths
-    std::vector<int> Lengths(const std::string& kind, CWiComm* pComm) const;
+    std::string Data(CWiComm* pComm) const;      // all bytes read by the object
     // Accepted objects (OnOpen with "C:" on a recorder that serves a listener).
     CommPtr LastOpened() const;
     void Forget();   // drops the references the recorder holds
@@ -78,19 +79,20 @@ protected:
     CommPtr Make(const std::string& option, ICommNotifyObject* pNotify, int nSSLMode = -1, bool bSecond = false);
     // A listener on a free port of this machine; its port in m_port.
     CommPtr Listen(ICommNotifyObject* pNotify, int nSSLMode = -1);
-    // A client of m_port.
     // A client of m_port; TLS handshakes block their thread, so a TLS client
     // of a listener on the first thread runs on the second.
     CommPtr Connect(ICommNotifyObject* pNotify, int nSSLMode = -1, bool bSecond = false);
     std::string ConnectOption() const;
     void OnWindow(const std::function<void()>& fn) { ASSERT_TRUE(m_window->Run(fn)); }
-    // A connected pair in listener, client and accepted, both sides opened;
-    // srv forgets them afterwards. A TLS client of a TLS listener runs on the second thread.
-    void Pair(Recorder& srv, Recorder& cli, int nServerMode = -1, int nClientMode = -1);
-
-    CommPtr listener, client, accepted;
+    // A connected pair in listener, client and accepted (srv hears the first
+    // and the last, cli the client), both opened. A TLS client of a TLS
+    // listener runs on the second thread.
+    void Pair(int nServerMode = -1, int nClientMode = -1);
 
     std::deque<Recorder> m_recorders;
+    Recorder& srv = Rec();
+    Recorder& cli = Rec();
+    CommPtr listener, client, accepted;
     WinsockScope m_winsock;
     std::unique_ptr<WindowThread> m_window;
     std::unique_ptr<WindowThread> m_window2;
@@ -122,8 +124,8 @@ struct TcpPeek : CWiTcp {
     static size_t ActiveCount();
 };
 
-// Windows of class "SocketSink" that belong to the thread.
-int SinkWindowsOf(DWORD nThread);
+// Windows of class "SocketSink" of this process.
+int SinkWindowsOfThisProcess();
 std::vector<char> Pattern(size_t size, unsigned seed);
 std::string Narrow(const CString& text);
 

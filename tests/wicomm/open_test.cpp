@@ -8,24 +8,27 @@ class OpenTest : public WiCommTest {};
 
 TEST_F(OpenTest, OptionStringsThatFailMakeNoObject)
 {
-    Recorder& rec = Rec();
     const char* bad[] = {"S:0", "S:abc", "C:1,2", "X:1,2.3.4.5,6", "C:0,localhost,80", "C:0,255.255.255.255,80",
                          "C:0,127.0.0.1,0", "S8000", "",
-                         "C:0,1234567890123456789012345678901234567890,80"};   // 40 characters
+                         "C:0,1234567890123456789012345678901234567890,80",   // 40 characters
+                         "C:0,::1::2,80", "C:0,fe80::zz,80", "C:0,[::1],80", "S:5000,0,[::1", "S:5000,0,::1::2"};
     for (const char* option : bad) {
-        CommPtr sp = Make(option, &rec);
+        CommPtr sp = Make(option, &srv);
         EXPECT_FALSE(sp) << "option \"" << option << "\"";
     }
     CommPtr sp;
-    OnWindow([&] { sp = CWiComm::NewObject(CWiComm::CLASSID_WITCP, nullptr, &rec, -1); });
+    OnWindow([&] { sp = CWiComm::NewObject(CWiComm::CLASSID_WITCP, nullptr, &srv, -1); });
     EXPECT_FALSE(sp) << "null option";
-    EXPECT_TRUE(rec.Events().empty()) << "a failed open notifies nothing";
-    EXPECT_EQ(0, SinkWindowsOf(m_window->ThreadId())) << "failed objects keep no window";
+    for (unsigned id : {0u, 1u, 3u, 7u}) {
+        OnWindow([&] { sp = CWiComm::NewObject(id, ("S:" + std::to_string(FreeLoopbackPort())).c_str(), &srv, -1); });
+        EXPECT_FALSE(sp) << "class number " << id;
+    }
+    EXPECT_TRUE(srv.Events().empty()) << "a failed open notifies nothing";
+    EXPECT_EQ(0, SinkWindowsOfThisProcess()) << "failed objects keep no window";
 }
 
 TEST_F(OpenTest, ModeTheObjectIsNotBuiltForFailsTheOpen)
 {
-    Recorder& rec = Rec();
     unsigned short port = 0;
     SOCKET raw = ListenLoopback(port);
     struct {
@@ -35,34 +38,40 @@ TEST_F(OpenTest, ModeTheObjectIsNotBuiltForFailsTheOpen)
     } cases[] = {{"C:0,127.0.0.1," + std::to_string(port), 1, L"OpenSSL_connect failed\n"},
                  {"S:" + std::to_string(FreeLoopbackPort()), 0, L"OPENSSL_accept return null\n"}};
     for (auto& c : cases) {
-        EXPECT_FALSE(Make(c.option, &rec, c.mode)) << c.option << " in mode " << c.mode;
+        EXPECT_FALSE(Make(c.option, &srv, c.mode)) << c.option << " in mode " << c.mode;
         EXPECT_TRUE(m_debug.Contains(c.text)) << c.option;
     }
-    EXPECT_TRUE(rec.Events().empty()) << "a failed open notifies nothing";
+    EXPECT_TRUE(srv.Events().empty()) << "a failed open notifies nothing";
     closesocket(raw);
 }
 
 TEST_F(OpenTest, ListenFormsAndTheirText)
 {
-    Recorder& rec = Rec();
     unsigned short port = FreeLoopbackPort();
-    CommPtr a = Make("  s:" + std::to_string(port), &rec);
+    CommPtr a = Make("  s:" + std::to_string(port), &srv);
     ASSERT_TRUE(a) << "leading blanks and lower case";
     EXPECT_EQ("S:" + std::to_string(port), Narrow(a->GetOpenOption()));
     EXPECT_EQ(1, a->IsOpen());
-    EXPECT_EQ(std::vector<std::string>{"open"}, rec.Kinds(a.get())) << "OnOpen comes within NewObject";
+    EXPECT_EQ(std::vector<std::string>{"open"}, srv.Kinds(a.get())) << "OnOpen comes within NewObject";
+    EXPECT_EQ(CWiComm::CLASSID_WITCP, a->GetClassID());
+    EXPECT_TRUE(a->IsKindOf(RUNTIME_CLASS(CWiSocket)));
+    EXPECT_STREQ("CWiTcp", a->GetRuntimeClass()->m_lpszClassName);
+    int local = 0;
+    EXPECT_EQ(1, CWiComm::IsValidObject(a.get()));
+    EXPECT_EQ(0, CWiComm::IsValidObject(nullptr));
+    EXPECT_EQ(0, CWiComm::IsValidObject(reinterpret_cast<CWiComm*>(&local)));
     EXPECT_EQ(0, a->SetTimeouts(100, 100, 100, 0)) << "a listener has no time-outs";
     EXPECT_EQ(0, a->Write("x", 1)) << "a listener takes no data";
     EXPECT_EQ(0, a->SetCommOpt("anything"));
 
     unsigned short port2 = FreeLoopbackPort();
-    CommPtr b = Make("Server:" + std::to_string(port2) + ",1", &rec);
+    CommPtr b = Make("Server:" + std::to_string(port2) + ",1", &srv);
     ASSERT_TRUE(b);
     int reuse = 0, len = sizeof(reuse);
     getsockopt(TcpPeek::Socket(b), SOL_SOCKET, SO_REUSEADDR, (char*)&reuse, &len);
     EXPECT_EQ(1, reuse);
     // The same port again without reuse can't be bound.
-    CommPtr c = Make("S:" + std::to_string(port2), &rec);
+    CommPtr c = Make("S:" + std::to_string(port2), &srv);
     EXPECT_FALSE(c);
     EXPECT_EQ((long)htons(port2), static_cast<CWiSocket*>(b.get())->GetLocalPort())
         << "GetLocalPort gives the port as the address record holds it";
@@ -70,11 +79,10 @@ TEST_F(OpenTest, ListenFormsAndTheirText)
 
 TEST_F(OpenTest, ConnectAcceptAndTheirTexts)
 {
-    Recorder& srv = Rec();
-    Recorder& cli = Rec();
     CommPtr listener = Listen(&srv);
     ASSERT_TRUE(listener);
-    CommPtr client = Connect(&cli);
+    // The long form, with a port cut to 16 bits.
+    CommPtr client = Make("connect:0,127.0.0.1," + std::to_string(65536 + m_port), &cli);
     ASSERT_TRUE(client);
     std::string underWay = Narrow(client->GetOpenOption());
     EXPECT_EQ(0u, underWay.find("C:")) << underWay;
@@ -140,50 +148,35 @@ TEST_F(OpenTest, Ipv6ConnectsAndADualStackListener)
         EXPECT_TRUE(srv.Data(accepted.get()) == std::string(data.begin(), data.end()));
         srv.Forget();
     }
-    Recorder& rec = Rec();
-    for (const char* bad : {"C:0,::1::2,80", "C:0,fe80::zz,80", "C:0,[::1],80", "S:5000,0,[::1", "S:5000,0,::1::2"})
-        EXPECT_FALSE(Make(bad, &rec)) << bad;
 }
 
-TEST_F(OpenTest, PortIsCutToSixteenBits)
+// A connect that ends without a connection: refused (FD_CONNECT with the
+// error) or timed out (set from this thread, the timer still runs on the
+// window thread) gives OnError(OPEN), then OnClose; closed by the
+// application, OnClose alone. Then the object is dead.
+TEST_F(OpenTest, ConnectRefusedTimedOutOrClosedEndsWithOnClose)
 {
-    Recorder& srv = Rec();
-    Recorder& cli = Rec();
-    ASSERT_TRUE(Listen(&srv));
-    CommPtr client = Make("connect:0,127.0.0.1," + std::to_string(65536 + m_port), &cli);
-    ASSERT_TRUE(client);
-    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "OnOpen through port + 65536"));
-}
-
-TEST_F(OpenTest, RefusedConnectGivesOpenErrorThenClose)
-{
-    Recorder& cli = Rec();
     RefusingPort nobody;
-    m_port = nobody.port;
-    CommPtr client = Connect(&cli);
-    ASSERT_TRUE(client) << "the refusal comes later, as FD_CONNECT";
-    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("close") == 1; }, "OnClose after the refusal"));
-    EXPECT_EQ((std::vector<std::string>{"error:1:10061", "close"}), cli.Kinds());
-    OnWindow([] {});   // the teardown after OnClose has finished
-    EXPECT_EQ(0, CWiComm::IsValidObject(client.get()));
-    EXPECT_EQ(INVALID_SOCKET, TcpPeek::Socket(client));
-}
-
-TEST_F(OpenTest, ConnectTimeOutGivesOpenErrorMinusOneThenClose)
-{
     StalledListener stalled;
-    m_port = stalled.port;
-    Recorder& cli = Rec();
-    CommPtr client = Connect(&cli);
-    ASSERT_TRUE(client);
-    ASSERT_EQ(0, client->IsOpen());
-    // From this thread, not the window's: the timer still runs on the window thread.
-    EXPECT_EQ(1, client->SetTimeouts(100, 300, 200, 0));
-    EXPECT_EQ(1, client->SetTimeouts(50, 50, 50, 0)) << "a second call during the connect";
-    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("close") == 1; }, "OnClose after the connect time-out"));
-    EXPECT_EQ((std::vector<std::string>{"error:1:-1", "close"}), cli.Kinds());
-    OnWindow([] {});
-    EXPECT_EQ(0, CWiComm::IsValidObject(client.get()));
+    const std::vector<std::string> want[] = {{"error:1:10061", "close"}, {"error:1:-1", "close"}, {"close"}};
+    for (int how = 0; how < 3; ++how) {
+        Recorder& rec = Rec();
+        m_port = how == 0 ? nobody.port : stalled.port;
+        CommPtr sp = Connect(&rec);
+        ASSERT_TRUE(sp) << "the end of a connect comes later";
+        EXPECT_EQ(0, sp->Write("x", 1)) << "Write during a connect";
+        if (how == 1) {
+            EXPECT_EQ(1, sp->SetTimeouts(100, 300, 200, 0));
+            EXPECT_EQ(1, sp->SetTimeouts(50, 50, 50, 0)) << "a second call during the connect";
+        }
+        if (how == 2)
+            OnWindow([&] { sp->Close(); });
+        ASSERT_TRUE(rec.WaitFor([&] { return rec.Count("close") == 1; }, "OnClose after the connect ended"));
+        EXPECT_EQ(want[how], rec.Kinds());
+        OnWindow([] {});   // the teardown after OnClose has finished
+        EXPECT_EQ(0, CWiComm::IsValidObject(sp.get()));
+        EXPECT_EQ(INVALID_SOCKET, TcpPeek::Socket(sp));
+    }
 }
 
 }  // namespace
