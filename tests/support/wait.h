@@ -55,6 +55,20 @@ private:
     long m_count = 0;
 };
 
+// For objects whose state tests look at: Changed() after each change, and
+// WaitFor tests a condition again at each change until it holds.
+class ChangeSignal {
+public:
+    void Changed();
+    ::testing::AssertionResult WaitFor(const std::function<bool()>& condition, const std::string& what,
+                                       std::chrono::milliseconds timeout = kDefaultWait) const;
+
+private:
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_changed;
+    unsigned long long m_nChanges = 0;
+};
+
 // Re-checks a condition that no event announces (a handle count, a heap
 // count after the last destructor has returned), each time after another
 // thread had the chance to run, until it holds or the time-out passes.

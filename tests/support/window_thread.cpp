@@ -42,7 +42,9 @@ bool FirstWindowOfTheProcess()
 
 }  // namespace
 
-WindowThread::WindowThread() : m_hThread(NULL), m_nThreadId(0), m_hReady(CreateEventW(NULL, TRUE, FALSE, NULL))
+WindowThread::WindowThread()
+    : m_hThread(NULL), m_nThreadId(0), m_hReady(CreateEventW(NULL, TRUE, FALSE, NULL)),
+      m_hTimerDispatched(CreateEventW(NULL, TRUE, FALSE, NULL))
 {
     static const bool s_bWindowsReady = FirstWindowOfTheProcess();
     (void)s_bWindowsReady;
@@ -56,6 +58,7 @@ WindowThread::~WindowThread()
     WaitForSingleObject(m_hThread, 10000);
     CloseHandle(m_hThread);
     CloseHandle(m_hReady);
+    CloseHandle(m_hTimerDispatched);
 }
 
 DWORD WINAPI WindowThread::Loop(LPVOID pParam)
@@ -73,6 +76,8 @@ DWORD WINAPI WindowThread::Loop(LPVOID pParam)
         }
         TranslateMessage(&msg);
         DispatchMessageW(&msg);
+        if (msg.message == WM_TIMER)
+            SetEvent(static_cast<WindowThread*>(pParam)->m_hTimerDispatched);
     }
     return 0;
 }
@@ -168,22 +173,6 @@ void PumpOnce()
 
 }  // namespace
 
-::testing::AssertionResult PumpUntil(HANDLE h, const std::string& what, std::chrono::milliseconds timeout)
-{
-    const ULONGLONG deadline = GetTickCount64() + timeout.count();
-    for (;;) {
-        PumpOnce();
-        if (WaitForSingleObject(h, 0) == WAIT_OBJECT_0)
-            return ::testing::AssertionSuccess();
-        ULONGLONG now = GetTickCount64();
-        if (now >= deadline)
-            break;
-        MsgWaitForMultipleObjects(1, &h, FALSE, (DWORD)(deadline - now), QS_ALLINPUT);
-    }
-    return ::testing::AssertionFailure() << "timed out after " << timeout.count() << " ms pumping messages for: "
-                                         << what;
-}
-
 ::testing::AssertionResult PumpUntil(const std::function<bool()>& condition, const std::string& what,
                                      std::chrono::milliseconds timeout)
 {
@@ -195,7 +184,8 @@ void PumpOnce()
         ULONGLONG now = GetTickCount64();
         if (now >= deadline)
             break;
-        MsgWaitForMultipleObjects(0, NULL, FALSE, (DWORD)std::min<ULONGLONG>(deadline - now, 5), QS_ALLINPUT);
+        // Only a message dispatched here can make the condition true.
+        MsgWaitForMultipleObjects(0, NULL, FALSE, (DWORD)(deadline - now), QS_ALLINPUT);
     }
     return ::testing::AssertionFailure() << "after " << timeout.count() << " ms of pumping still not true: " << what;
 }

@@ -21,6 +21,8 @@ public:
     ::testing::AssertionResult Run(const std::function<void()>& fn,
                                    std::chrono::milliseconds timeout = std::chrono::seconds(10));
     DWORD ThreadId() const { return m_nThreadId; }
+    // Set after the thread has dispatched a WM_TIMER (manual reset).
+    HANDLE TimerDispatched() const { return m_hTimerDispatched; }
 
 private:
     WindowThread(const WindowThread&) = delete;
@@ -30,12 +32,11 @@ private:
     HANDLE m_hThread;
     DWORD m_nThreadId;
     HANDLE m_hReady;
+    HANDLE m_hTimerDispatched;
 };
 
-// Dispatches the calling thread's messages until h is signalled; false after the time-out.
-::testing::AssertionResult PumpUntil(HANDLE h, const std::string& what,
-                                     std::chrono::milliseconds timeout = std::chrono::seconds(10));
-// Dispatches the calling thread's messages until condition() holds.
+// Dispatches the calling thread's messages until condition() holds (one that
+// only the messages of this thread can make true).
 ::testing::AssertionResult PumpUntil(const std::function<bool()>& condition, const std::string& what,
                                      std::chrono::milliseconds timeout = std::chrono::seconds(10));
 

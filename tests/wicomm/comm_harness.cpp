@@ -13,14 +13,12 @@ void Recorder::Add(const std::string& kind, const CommPtr& spComm, int a, int b,
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_events.push_back({kind, spComm.get(), a, b, GetCurrentThreadId()});
-        ++m_nChanges;
-        if (kind == "read" && a > 0)
-            m_data.push_back({spComm.get(), std::string(static_cast<const char*>(pData), a)});
+        m_events.push_back({kind, spComm.get(), a, b, GetCurrentThreadId(),
+                            a > 0 && pData != nullptr ? std::string(static_cast<const char*>(pData), a) : ""});
         if (kind == "open")
             m_spLastOpened = spComm;
     }
-    m_changed.notify_all();
+    m_signal.Changed();
 }
 
 void Recorder::OnOpen(CommPtr spComm)
@@ -101,9 +99,9 @@ std::string Recorder::Data(CWiComm* pComm) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     std::string out;
-    for (const auto& d : m_data)
-        if (d.first == pComm)
-            out += d.second;
+    for (const CommEvent& e : m_events)
+        if (e.pComm == pComm)
+            out += e.data;
     return out;
 }
 
@@ -117,32 +115,6 @@ void Recorder::Forget()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_spLastOpened.reset();
-}
-
-::testing::AssertionResult Recorder::WaitFor(const std::function<bool()>& condition, const std::string& what,
-                                             std::chrono::milliseconds timeout) const
-{
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        // The condition takes the lock itself, so it is tested outside it: the
-        // change count read before the test tells whether an event came in
-        // between, which the wait below would otherwise sleep through.
-        unsigned long long nSeen;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            nSeen = m_nChanges;
-        }
-        if (condition())
-            return ::testing::AssertionSuccess();
-        std::unique_lock<std::mutex> lock(m_mutex);
-        if (!m_changed.wait_until(lock, deadline, [&] { return m_nChanges != nSeen; })) {
-            lock.unlock();
-            if (condition())
-                return ::testing::AssertionSuccess();
-            return ::testing::AssertionFailure() << "timed out after " << timeout.count()
-                                                 << " ms waiting for: " << what;
-        }
-    }
 }
 
 // ---- fixture ----------------------------------------------------------------------
@@ -189,11 +161,9 @@ CommPtr WiCommTest::Listen(ICommNotifyObject* pNotify, int nSSLMode)
     return Make("S:" + std::to_string(m_port), pNotify, nSSLMode);
 }
 
-std::string WiCommTest::ConnectOption() const { return "C:0,127.0.0.1," + std::to_string(m_port); }
-
 CommPtr WiCommTest::Connect(ICommNotifyObject* pNotify, int nSSLMode, bool bSecond)
 {
-    return Make(ConnectOption(), pNotify, nSSLMode, bSecond);
+    return Make("C:0,127.0.0.1," + std::to_string(m_port), pNotify, nSSLMode, bSecond);
 }
 
 void WiCommTest::Pair(int nServerMode, int nClientMode)

@@ -3,7 +3,6 @@
 #ifndef WISOCK_TESTS_WICOMM_COMM_HARNESS_H
 #define WISOCK_TESTS_WICOMM_COMM_HARNESS_H
 
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -28,6 +27,7 @@ struct CommEvent {
     int a;              // read/write: length; error: operation
     int b;              // error: code
     DWORD nThread;
+    std::string data;   // read: the bytes
 };
 
 class Recorder final : public ICommNotifyObject {
@@ -55,15 +55,16 @@ public:
     CommPtr LastOpened() const;
     void Forget();   // drops the references the recorder holds
     ::testing::AssertionResult WaitFor(const std::function<bool()>& condition, const std::string& what,
-                                       std::chrono::milliseconds timeout = kDefaultWait) const;
+                                       std::chrono::milliseconds timeout = kDefaultWait) const
+    {
+        return m_signal.WaitFor(condition, what, timeout);
+    }
 
 private:
     void Add(const std::string& kind, const CommPtr& spComm, int a, int b, const void* pData = nullptr);
     mutable std::mutex m_mutex;
-    mutable std::condition_variable m_changed;
+    ChangeSignal m_signal;
     std::vector<CommEvent> m_events;
-    unsigned long long m_nChanges = 0;   // events added so far
-    std::vector<std::pair<CWiComm*, std::string>> m_data;
     CommPtr m_spLastOpened;
 };
 
@@ -82,7 +83,6 @@ protected:
     // A client of m_port; TLS handshakes block their thread, so a TLS client
     // of a listener on the first thread runs on the second.
     CommPtr Connect(ICommNotifyObject* pNotify, int nSSLMode = -1, bool bSecond = false);
-    std::string ConnectOption() const;
     void OnWindow(const std::function<void()>& fn) { ASSERT_TRUE(m_window->Run(fn)); }
     // A connected pair in listener, client and accepted (srv hears the first
     // and the last, cli the client), both opened. A TLS client of a TLS
@@ -115,7 +115,6 @@ struct TcpPeek : CWiTcp {
     static CWiTcp* Tcp(const CommPtr& sp) { return static_cast<CWiTcp*>(sp.get()); }
     static SOCKET Socket(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_hSocket); }
     static HWND Window(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_hWnd); }
-    static UINT_PTR TimerId(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_nTimerID); }
     static std::list<SendBlock>& Queue(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_listSendBuffer); }
     static size_t& QueuedBytes(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_nSendBufferSize); }
     static int BytesToRead(const CommPtr& sp) { return Tcp(sp)->*(&TcpPeek::m_nBytesToRead); }
