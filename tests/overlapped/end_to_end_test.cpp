@@ -2,12 +2,6 @@
 // of notifications for each way a connection begins and ends.
 #include "stack_fixture.h"
 
-namespace {
-
-const Log kAcceptedThenPeerClosed = {"OnConnect(0)", "OnClose(0)", "OnDelete"};
-
-}  // namespace
-
 TEST_F(StackTest, DataBothWaysIsByteExactAndInOrder)
 {
     unsigned short port;
@@ -30,7 +24,7 @@ TEST_F(StackTest, DataBothWaysIsByteExactAndInOrder)
     const COverlappedSocket* accepted = Accepted(*server);
     ASSERT_NE(nullptr, accepted);
     EXPECT_TRUE(server->Received(accepted) == all);
-    EXPECT_TRUE(Eventually([&] { return client->Sent(c.get()) == static_cast<long long>(all.size()); },
+    EXPECT_TRUE(client->WaitFor([&] { return client->Of(c.get()).sent == static_cast<long long>(all.size()); },
                            "OnSend counts add up to the bytes sent"));
 
     c->Close();
@@ -79,7 +73,7 @@ TEST_F(StackTest, RefusedConnectGivesOnConnectThenOnCloseWithTheError)
     Log log = client->Log(c.get());
     ASSERT_EQ(2u, log.size());
     EXPECT_EQ("OnClose(error)", log[1]);
-    int error = client->CloseError(c.get());
+    int error = client->Of(c.get()).closeError;
     EXPECT_NE(0, error);
     EXPECT_EQ("OnConnect(" + std::to_string(error) + ")", log[0]);
     EXPECT_TRUE(Eventually([&] { return c->IsClose() == 1; }, "Close after the worker's OnClose"));
@@ -88,20 +82,6 @@ TEST_F(StackTest, RefusedConnectGivesOnConnectThenOnCloseWithTheError)
     const COverlappedSocket* p = c.get();
     c.reset();
     EXPECT_TRUE(LogBecomes(*client, p, {log[0], log[1], "OnDelete"}));
-}
-
-TEST_F(StackTest, PeerCloseGivesOneOnCloseThenOnDelete)
-{
-    DebugCapture trace;
-    unsigned short port;
-    SocketPtr listen = Listen(port, 2);
-    SOCKET peer = Peer(port);
-    ASSERT_NE(INVALID_SOCKET, peer);
-    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
-    closesocket(peer);
-    const COverlappedSocket* accepted = Accepted(*server);
-    EXPECT_TRUE(LogBecomes(*server, accepted, kAcceptedThenPeerClosed));
-    EXPECT_TRUE(trace.WaitFor(L"套接字被对方关闭, pOverlapInfo->m_nOperateType = 1\n"));
 }
 
 TEST_F(StackTest, ApplicationCloseReportsOnTheCallingThreadAndEndsThePeer)
@@ -127,7 +107,7 @@ TEST_F(StackTest, ApplicationCloseReportsOnTheCallingThreadAndEndsThePeer)
     server->onClose = [](int, SocketPtr s) { EXPECT_TRUE(OtherThreadGetsThrough(s)); };
     s->Close();
     server->onClose = nullptr;
-    EXPECT_EQ(GetCurrentThreadId(), server->CloseThread(s.get()));
+    EXPECT_EQ(GetCurrentThreadId(), server->Of(s.get()).closeThread);
     EXPECT_EQ(0, s->IsConnected());
     EXPECT_FALSE(s->GetListenSocket());
     EXPECT_EQ(0, s->Send("x", 1, 0));
@@ -141,51 +121,48 @@ TEST_F(StackTest, ApplicationCloseReportsOnTheCallingThreadAndEndsThePeer)
     EXPECT_TRUE(LogBecomes(*server, p, {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
 }
 
-TEST_F(StackTest, CloseInsideOnConnectEndsTheSocketOnce)
+// One OnClose, then OnDelete, however an accepted socket ends: its peer
+// closes (with or without a Close inside OnClose), it closes inside OnConnect
+// (its first receive then fails on the closed socket), or CloseAllAcceptedSocket
+// closes it while its OnClose closes it again (the outer Close still ends the peer).
+TEST_F(StackTest, EachEndingOfAnAcceptedSocketReportsOnce)
 {
     DebugCapture trace;
     unsigned short port;
     SocketPtr listen = Listen(port, 1);
-    server->onConnect = [](int, SocketPtr s) { s->Close(); };
-    SOCKET peer = Peer(port);
-    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
-    EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
-    EXPECT_TRUE(trace.WaitFor(L"PrepareRecv failed\n"));
+    enum { PEER_CLOSES, PEER_CLOSES_CLOSE_IN_ONCLOSE, CLOSE_IN_ONCONNECT, CLOSE_ALL_CLOSE_IN_ONCLOSE };
+    for (int ending = PEER_CLOSES; ending <= CLOSE_ALL_CLOSE_IN_ONCLOSE; ++ending) {
+        SCOPED_TRACE(ending);
+        int inner = 0;
+        server->onClose = [&](int, SocketPtr s) {
+            if (ending == PEER_CLOSES_CLOSE_IN_ONCLOSE || ending == CLOSE_ALL_CLOSE_IN_ONCLOSE) {
+                ++inner;
+                s->Close();
+            }
+        };
+        server->onConnect = [&](int, SocketPtr s) {
+            if (ending == CLOSE_IN_ONCONNECT)
+                s->Close();
+        };
+        SOCKET peer = Peer(port);
+        ASSERT_TRUE(server->connects.WaitAtLeast(ending + 1, "server OnConnect"));
+        if (ending == CLOSE_ALL_CLOSE_IN_ONCLOSE) {
+            listen->CloseAllAcceptedSocket();
+            EXPECT_EQ(1, inner);
+            char byte;
+            EXPECT_EQ(0, recv(peer, &byte, 1, 0)) << "the outer Close went on to close the handle";
+        }
+        if (ending <= PEER_CLOSES_CLOSE_IN_ONCLOSE)
+            closesocket(peer);
+        EXPECT_TRUE(LogBecomes(*server, Accepted(*server, ending), {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
+        if (ending > PEER_CLOSES_CLOSE_IN_ONCLOSE)
+            closesocket(peer);
+    }
+    EXPECT_TRUE(trace.WaitFor(L"套接字被对方关闭, pOverlapInfo->m_nOperateType = 1\n", 2));
     auto lines = trace.StartingWith(L"PrepareRecv failed, spSocketObject = ");
     ASSERT_EQ(1u, lines.size());
     EXPECT_NE(std::wstring::npos, lines[0].find(L", nWSAGetLastError = 10038, pOverlapInfo->m_nOperateType = 8\n"))
         << Utf8(lines[0]);
-    closesocket(peer);
-}
-
-TEST_F(StackTest, CloseInsideOnCloseOfAPeerCloseReportsOnce)
-{
-    unsigned short port;
-    SocketPtr listen = Listen(port, 1);
-    server->onClose = [](int, SocketPtr s) { s->Close(); };
-    SOCKET peer = Peer(port);
-    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
-    closesocket(peer);
-    EXPECT_TRUE(LogBecomes(*server, Accepted(*server), kAcceptedThenPeerClosed));
-}
-
-TEST_F(StackTest, CloseInsideOnCloseReportedByCloseItself)
-{
-    unsigned short port;
-    SocketPtr listen = Listen(port, 1);
-    int inner = 0;
-    server->onClose = [&](int, SocketPtr s) {
-        ++inner;
-        s->Close();
-    };
-    SOCKET peer = Peer(port);
-    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
-    listen->CloseAllAcceptedSocket();
-    EXPECT_EQ(1, inner);
-    char byte;
-    EXPECT_EQ(0, recv(peer, &byte, 1, 0)) << "the outer Close went on to close the handle";
-    closesocket(peer);
-    EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
 }
 
 TEST_F(StackTest, NotifyExceptionsAreDeletedAndTheNextStepRuns)

@@ -59,7 +59,7 @@ TEST_F(StackTest, AcceptPoolKeepsItsSizeAndIsNotRefilledFromAClosedListenSocket)
     EXPECT_EQ(1, listen->IsListenSocket());
     listen->Close();
     // The three outstanding accepts: closed, never connected, gone.
-    EXPECT_TRUE(Eventually([&] { return server->CountLogsEqual(kAcceptNeverConnected) == 3; },
+    EXPECT_TRUE(server->WaitFor([&] { return server->CountLogsEqual(kAcceptNeverConnected) == 3; },
                            "exactly three accepts end"));
     EXPECT_EQ((Log{"OnClose(0)"}), server->Log(listen.get()));
     EXPECT_EQ(0, listen->IsListenSocket());
@@ -67,7 +67,7 @@ TEST_F(StackTest, AcceptPoolKeepsItsSizeAndIsNotRefilledFromAClosedListenSocket)
     char buf[3];
     ASSERT_TRUE(SendAll(peers[3], "abc", 3));
     EXPECT_TRUE(RecvAll(peers[3], buf, 3));
-    EXPECT_EQ(4u + 4u, server->Sockets().size()) << "no accept was started after the listen socket closed";
+    EXPECT_EQ(4u + 4u, server->Entries().size()) << "no accept was started after the listen socket closed";
     for (SOCKET p : peers)
         closesocket(p);
 }
@@ -117,35 +117,8 @@ TEST_F(StackTest, DestoryClosesEverythingEndsEveryThreadAndTwiceIsHarmless)
     factory->Destory();   // returns at once
     // Every socket was told of its end exactly once.
     for (auto* notify : {server.get(), client.get()})
-        for (const Log& l : notify->Logs()) {
-            EXPECT_EQ(1, std::count_if(l.begin(), l.end(), [](const std::string& s) { return s.rfind("OnClose", 0) == 0; }));
-        }
-}
-
-TEST_F(StackTest, DestoryOfOneFactoryLeavesAnotherRunning)
-{
-    FactoryPtr second = COverlappedSocketFactory::CreateObject(0, 1);
-    ASSERT_TRUE(second);
-    auto notify = std::make_shared<RecordingNotify>();
-    notify->echo = true;
-    SocketPtr listen = second->CreateSocket(notify, 0, L"127.0.0.1");
-    ASSERT_TRUE(listen);
-    ASSERT_EQ(1, listen->Listen(2));
-    CString address;
-    unsigned int bound = 0;
-    ASSERT_EQ(1, listen->GetSockName(address, bound));
-    unsigned short port = static_cast<unsigned short>(bound);
-    second->CreateSocket(notify, listen, 2);
-    factory->Destory();
-    SOCKET peer = Peer(port);
-    char buf[2];
-    ASSERT_TRUE(SendAll(peer, "hi", 2));
-    EXPECT_TRUE(RecvAll(peer, buf, 2)) << "the second factory still echoes";
-    closesocket(peer);
-    listen.reset();
-    second->Destory();
-    second.reset();
-    ExpectEveryOnDeleteOnceAndLast(*notify, "second factory");
+        for (const auto& e : notify->Entries())
+            EXPECT_EQ(1, std::count_if(e.log.begin(), e.log.end(), [](const std::string& s) { return s.rfind("OnClose", 0) == 0; }));
 }
 
 TEST_F(StackTest, PoolOverloadCountsAndRefusals)
@@ -164,8 +137,17 @@ TEST_F(StackTest, PoolOverloadCountsAndRefusals)
     EXPECT_EQ(20, std::count_if(pool.begin(), pool.end(), [](const SocketPtr& s) { return bool(s); }));
 }
 
-TEST_F(StackTest, CloseAllSocketClosesEverySocketAndTheFactoryGoesOn)
+// CloseAllSocket closes every socket of its factory and no other's, and the
+// factory goes on; Destory of one factory leaves another running.
+TEST_F(StackTest, CloseAllSocketAndDestoryTouchOnlyTheirOwnFactory)
 {
+    FactoryPtr second = COverlappedSocketFactory::CreateObject(0, 1);
+    ASSERT_TRUE(second);
+    auto notify = std::make_shared<RecordingNotify>();
+    notify->echo = true;
+    server->echo = true;
+    unsigned short port2;
+    SocketPtr listen2 = Listen(port2, 2, notify, L"127.0.0.1", second);
     unsigned short port;
     SocketPtr listen = Listen(port, 2);
     SocketPtr c = ConnectTo(port);
@@ -174,15 +156,20 @@ TEST_F(StackTest, CloseAllSocketClosesEverySocketAndTheFactoryGoesOn)
     factory->CloseAllSocket();
     EXPECT_EQ(1, listen->IsClose());
     EXPECT_EQ(1, c->IsClose());
-    EXPECT_TRUE(Eventually([&] { return server->CountLogsEqual({"OnConnect(0)", "OnClose(0)", "OnDelete"}) == 1; },
-                           "accepted socket closed and gone"));
-    // The factory still makes working sockets.
-    unsigned short port2;
-    SocketPtr listen2 = Listen(port2, 1);
-    server->echo = true;
-    SOCKET peer = Peer(port2);
-    char buf[2];
-    ASSERT_TRUE(SendAll(peer, "ok", 2));
-    EXPECT_TRUE(RecvAll(peer, buf, 2));
-    closesocket(peer);
+    EXPECT_EQ(0, listen2->IsClose()) << "another factory's socket";
+    EXPECT_TRUE(server->WaitFor([&] { return server->CountLogsEqual({"OnConnect(0)", "OnClose(0)", "OnDelete"}) == 1; },
+                                "accepted socket closed and gone"));
+    SocketPtr listen3 = Listen(port, 1);
+    for (unsigned short p : {port, port2}) {   // this factory, then the second after this one's Destory
+        SOCKET peer = Peer(p);
+        char buf[2];
+        ASSERT_TRUE(SendAll(peer, "ok", 2));
+        EXPECT_TRUE(RecvAll(peer, buf, 2)) << (p == port ? "after CloseAllSocket" : "after the other's Destory");
+        closesocket(peer);
+        factory->Destory();
+    }
+    listen2.reset();
+    second->Destory();
+    second.reset();
+    ExpectEveryOnDeleteOnceAndLast(*notify, "second factory");
 }

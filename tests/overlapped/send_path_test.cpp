@@ -88,7 +88,7 @@ TEST_F(StackTest, NoOnSendWhenTheSocketWasToldNotTo)
     ASSERT_EQ(3, c->Send("abc", 3, 0));
     ASSERT_TRUE(client->receives.WaitAtLeast(3, "echo"));
     EXPECT_EQ("abc", client->Received(c.get()));
-    EXPECT_EQ(0, client->Sent(c.get()));
+    EXPECT_EQ(0, client->Of(c.get()).sent);
 }
 
 TEST_F(StackTest, SetMaxSendPacketSizeClamps)
@@ -132,7 +132,7 @@ TEST_F(StackTest, SocketsClosedWhileConnectingAreDestroyedWithTheirSends)
     }
     sockets.clear();
     for (auto* p : raw)
-        EXPECT_TRUE(Eventually([&] { Log l = client->Log(p); return !l.empty() && l.back() == "OnDelete"; },
+        EXPECT_TRUE(client->WaitFor([&] { Log l = client->Log(p); return !l.empty() && l.back() == "OnDelete"; },
                                "closed connecting socket is destroyed before Destory"));
     closesocket(listener);
 }

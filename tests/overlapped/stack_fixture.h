@@ -62,13 +62,14 @@ protected:
     static void ExpectEveryOnDeleteOnceAndLast(const RecordingNotify& notify, const char* side)
     {
         auto allEnded = [&] {
-            for (const Log& l : notify.Logs())
-                if (l.empty() || l.back() != "OnDelete")
+            for (const auto& e : notify.Entries())
+                if (e.log.empty() || e.log.back() != "OnDelete")
                     return false;
             return true;
         };
-        EXPECT_TRUE(Eventually(allEnded, std::string(side) + ": every socket ends with OnDelete"));
-        for (const Log& l : notify.Logs()) {
+        EXPECT_TRUE(notify.WaitFor(allEnded, std::string(side) + ": every socket ends with OnDelete"));
+        for (const auto& e : notify.Entries()) {
+            const Log& l = e.log;
             EXPECT_EQ(1, std::count(l.begin(), l.end(), std::string("OnDelete"))) << side << ": one OnDelete";
             EXPECT_GE(1, std::count_if(l.begin(), l.end(), [](const std::string& s) { return s.rfind("OnClose", 0) == 0; }))
                 << side << ": at most one OnClose";
@@ -111,13 +112,15 @@ protected:
     // A listen socket on 127.0.0.1 with a pool of accepts. It binds port 0 and
     // reads the port back, so that no port-owner look-up (slow under Wine
     // when the machine has many sockets) is made for it.
-    SocketPtr Listen(unsigned short& port, int pool = 5, std::shared_ptr<RecordingNotify> notify = nullptr,
-                     const wchar_t* bindTo = L"127.0.0.1")
+    SocketPtr Listen(unsigned short& port, int pool = 5, std::shared_ptr<ISocketNotifyObject> notify = nullptr,
+                     const wchar_t* bindTo = L"127.0.0.1", FactoryPtr on = nullptr)
     {
         if (!notify)
             notify = server;
+        if (!on)
+            on = factory;
         port = 0;
-        SocketPtr listen = factory->CreateSocket(notify, 0, bindTo);
+        SocketPtr listen = on->CreateSocket(notify, 0, bindTo);
         EXPECT_TRUE(listen) << "bound socket for the listener";
         if (!listen)
             return listen;
@@ -126,7 +129,7 @@ protected:
         unsigned int bound = 0;
         EXPECT_EQ(1, listen->GetSockName(address, bound));
         port = static_cast<unsigned short>(bound);
-        auto accepts = factory->CreateSocket(notify, listen, pool);
+        auto accepts = on->CreateSocket(notify, listen, pool);
         EXPECT_EQ(static_cast<size_t>(pool), accepts.size());
         for (auto& a : accepts)
             EXPECT_TRUE(a) << "accepting socket";
@@ -160,17 +163,15 @@ protected:
     // The n-th socket (in order of first notification) whose log begins with OnConnect(0).
     static const COverlappedSocket* Accepted(const RecordingNotify& notify, size_t n = 0)
     {
-        auto sockets = notify.Sockets();
-        auto logs = notify.Logs();
-        for (size_t i = 0; i < sockets.size() && i < logs.size(); ++i)
-            if (!logs[i].empty() && logs[i].front() == "OnConnect(0)" && n-- == 0)
-                return sockets[i];
+        for (const auto& e : notify.Entries())
+            if (!e.log.empty() && e.log.front() == "OnConnect(0)" && n-- == 0)
+                return e.socket;
         return nullptr;
     }
 
     ::testing::AssertionResult LogBecomes(const RecordingNotify& notify, const COverlappedSocket* p, const Log& want)
     {
-        if (Eventually([&] { return notify.Log(p) == want; }, "notification order"))
+        if (notify.WaitFor([&] { return notify.Log(p) == want; }, "notification order"))
             return ::testing::AssertionSuccess();
         std::string got;
         for (auto& s : notify.Log(p))

@@ -106,8 +106,8 @@ TEST_F(TlsTest, RefusedConnectGivesOnConnectAndOnCloseWithTheErrorAndNoTls)
     const COverlappedSocket* p = s.get();
     s.reset();
     ASSERT_TRUE(client->deletes.WaitAtLeast(1, "the refused socket deleted"));
-    EXPECT_NE(0, client->CloseError(p));
-    EXPECT_EQ((Log{"OnConnect(" + std::to_string(client->CloseError(p)) + ")", "OnClose(error)", "OnDelete"}),
+    EXPECT_NE(0, client->Of(p).closeError);
+    EXPECT_EQ((Log{"OnConnect(" + std::to_string(client->Of(p).closeError) + ")", "OnClose(error)", "OnDelete"}),
               client->Log(p));
 }
 

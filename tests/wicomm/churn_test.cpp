@@ -12,50 +12,12 @@
 #include <thread>
 
 #include "comm_harness.h"
+#include "support/app_thread.h"
 #include "support/leak.h"
 
 namespace {
 
 class ChurnTest : public WiCommTest {};
-
-// An application thread that works on objects the window thread owns: it
-// writes, sets time-outs and closes one in three.
-class AppThread {
-public:
-    ~AppThread()
-    {
-        Add(nullptr, 0);   // an empty entry ends the loop
-        m_thread.join();
-    }
-    void Add(CommPtr sp, int n)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_work.emplace_back(std::move(sp), n);
-        m_wake.notify_one();
-    }
-
-private:
-    void Run()
-    {
-        for (;;) {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            m_wake.wait(lock, [this] { return !m_work.empty(); });
-            std::pair<CommPtr, int> item = std::move(m_work.front());
-            m_work.pop_front();
-            lock.unlock();
-            if (!item.first)
-                return;
-            item.first->Write("from another thread", 19);
-            item.first->SetTimeouts(item.second % 2 ? 50 : 0, 0, 0, 512);
-            if (item.second % 3 == 0)
-                item.first->Close();
-        }
-    }
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    std::deque<std::pair<CommPtr, int>> m_work;
-    std::thread m_thread{[this] { Run(); }};
-};
 
 // Peers on two threads: each connects, sends a message and goes, one in
 // four with a reset, one in four (TLS) after the close alert.
@@ -128,8 +90,15 @@ TEST_F(ChurnTest, EveryEndingGivesOneOnCloseAndCleanupLeavesNothing)
         AppThread app;
         std::atomic<int> opened(0);
         srv.onOpen = [&](CommPtr sp) {
-            if (Narrow(sp->GetOpenOption()).find("C:") == 0)
-                app.Add(sp, opened++);
+            if (Narrow(sp->GetOpenOption()).find("C:") == 0) {
+                // Another application thread writes, sets time-outs and closes one in three.
+                app.Post([sp, n = opened++] {
+                    sp->Write("from another thread", 19);
+                    sp->SetTimeouts(n % 2 ? 50 : 0, 0, 0, 512);
+                    if (n % 3 == 0)
+                        sp->Close();
+                });
+            }
         };
         srv.onRead = [&](const void*, int, CommPtr sp) {
             if (opened % 5 == 2)
