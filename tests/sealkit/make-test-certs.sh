@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Makes the certificates of the Sealkit tests and writes them into
-# test_certs.h as C string constants (the tests write them to temporary files).
+# Makes the certificates of the Sealkit tests into certs/ (the build compiles
+# them in; the tests write them to temporary files).
 #   trusted CA  -> server certificate for "localhost" (and 127.0.0.1, ::1) + key
 #   trusted CA  -> client certificate (client auth) + key
 #   other CA    -> trusts nothing the server shows
-# Valid for 100 years, so the committed header doesn't expire.
+# Valid for 100 years, so the committed files don't expire.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
@@ -31,22 +31,6 @@ printf 'basicConstraints=CA:FALSE\nextendedKeyUsage=clientAuth\n' > client.cnf
 openssl x509 -req -in client.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 36500 -sha256 \
   -extfile client.cnf -out client.pem 2>/dev/null
 
-constant() {  # name file
-  echo "const char* const $1 ="
-  sed 's/.*/    "&\\n"/' "$2"
-  echo "    ;"
-}
-{
-  echo "// Made by make-test-certs.sh; do not edit."
-  echo "#ifndef SEALKIT_TEST_CERTS_H"
-  echo "#define SEALKIT_TEST_CERTS_H"
-  echo
-  constant kTestCaPem ca.pem
-  constant kOtherCaPem other.pem
-  constant kServerCertPem server.pem
-  constant kServerKeyPem server.key
-  constant kClientCertPem client.pem
-  constant kClientKeyPem client.key
-  echo
-  echo "#endif"
-} > "$here/test_certs.h"
+mkdir -p "$here/certs"
+cp ca.pem other.pem server.pem server.key client.pem client.key "$here/certs/"
+mv "$here/certs/other.pem" "$here/certs/other-ca.pem"
