@@ -1,11 +1,5 @@
 #include "support/window_thread.h"
 
-#include <tlhelp32.h>
-
-#include <set>
-#include <sstream>
-#include <vector>
-
 namespace {
 
 const UINT kRunMessage = WM_APP + 0x57;   // wParam: the task
@@ -23,10 +17,6 @@ void Release(Task* pTask)
         delete pTask;
     }
 }
-
-}  // namespace
-
-namespace {
 
 // Wine connects a process to its desktop and loads the display driver on the
 // process's first window calls. Done once here, on the thread that makes the
@@ -82,68 +72,6 @@ DWORD WINAPI WindowThread::Loop(LPVOID pParam)
     return 0;
 }
 
-namespace {
-
-// What a stuck thread is doing, for the failure message: the code addresses
-// found on its stack (a scan, not a walk: some are stale), as module+offset.
-std::string StackScan(HANDLE hThread)
-{
-    CONTEXT context = {};
-    context.ContextFlags = CONTEXT_CONTROL;
-    std::vector<ULONG_PTR> stack(4096);   // before the suspension: the thread may hold the heap's lock
-    if (SuspendThread(hThread) == (DWORD)-1)
-        return "(thread not suspended)";
-    BOOL bGot = GetThreadContext(hThread, &context);
-    SIZE_T nRead = 0;
-    for (size_t nWords = stack.size(); bGot && nWords >= 512 && nRead == 0; nWords /= 2)
-        ReadProcessMemory(GetCurrentProcess(), (LPCVOID)context.Rsp, stack.data(), nWords * sizeof(ULONG_PTR), &nRead);
-    ResumeThread(hThread);
-    if (!bGot)
-        return "(no context)";
-    std::ostringstream out;
-    std::set<std::string> seen;
-    std::vector<ULONG_PTR> addresses(1, (ULONG_PTR)context.Rip);
-    addresses.insert(addresses.end(), stack.begin(), stack.begin() + nRead / sizeof(ULONG_PTR));
-    for (ULONG_PTR address : addresses) {
-        HMODULE hModule = NULL;
-        if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                                (LPCWSTR)address, &hModule))
-            continue;
-        char szPath[MAX_PATH] = {};
-        GetModuleFileNameA(hModule, szPath, MAX_PATH);
-        const char* pName = strrchr(szPath, '\\') != nullptr ? strrchr(szPath, '\\') + 1 : szPath;
-        std::ostringstream entry;
-        entry << pName << "+0x" << std::hex << (address - (ULONG_PTR)hModule);
-        if (seen.insert(entry.str()).second && seen.size() <= 40)
-            out << " " << entry.str();
-    }
-    return out.str();
-}
-
-// The stacks of the process's other threads: the one a stuck thread waits
-// for is among them.
-std::string OtherStacks(DWORD nStuckThread)
-{
-    std::ostringstream out;
-    HANDLE hSnapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    THREADENTRY32 entry = {};
-    entry.dwSize = sizeof(entry);
-    for (BOOL bMore = Thread32First(hSnapshot, &entry); bMore; bMore = Thread32Next(hSnapshot, &entry)) {
-        if (entry.th32OwnerProcessID != GetCurrentProcessId() || entry.th32ThreadID == nStuckThread ||
-            entry.th32ThreadID == GetCurrentThreadId())
-            continue;
-        HANDLE hThread = OpenThread(THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT, FALSE, entry.th32ThreadID);
-        if (hThread == NULL)
-            continue;
-        out << "\n  thread " << entry.th32ThreadID << ":" << StackScan(hThread);
-        CloseHandle(hThread);
-    }
-    CloseHandle(hSnapshot);
-    return out.str();
-}
-
-}  // namespace
-
 ::testing::AssertionResult WindowThread::Run(const std::function<void()>& fn, std::chrono::milliseconds timeout)
 {
     Task* pTask = new Task{fn, CreateEventW(NULL, TRUE, FALSE, NULL), 2};
@@ -157,7 +85,7 @@ std::string OtherStacks(DWORD nStuckThread)
     if (rc == WAIT_OBJECT_0)
         return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "the window thread did not finish a task within " << timeout.count()
-                                         << " ms; on its stack:" << StackScan(m_hThread) << OtherStacks(m_nThreadId);
+                                         << " ms";
 }
 
 namespace {
