@@ -49,7 +49,26 @@ TEST_F(StackTest, SendSplitsIntoRecordsAndMergesIntoTheLastWaitingOne)
     EXPECT_EQ(WSAENOTSOCK, COverlappedSocket::GetLastError());
 }
 
-TEST_F(StackTest, SendRefusesNothingToSendAndNoBuffer)
+// One record on an idle connected socket goes straight out (nothing waits);
+// a socket told not to report sends gets no OnSend.
+TEST_F(StackTest, OneRecordOnAnIdleSocketGoesStraightOutAndOnSendCanBeTurnedOff)
+{
+    unsigned short port;
+    SocketPtr listen = Listen(port, 1);
+    server->echo = true;
+    SocketPtr c = ConnectTo(port);
+    c->SetNotifyObject(client, 0);
+    ASSERT_TRUE(client->connects.WaitAtLeast(1, "client OnConnect"));
+    std::string data = Pattern(4096);
+    ASSERT_EQ(4096, c->Send(data.data(), 4096, 0));
+    EXPECT_EQ(0u, c->GetWaitSendListPackSize());
+    ASSERT_TRUE(client->receives.WaitAtLeast(4096, "echo of 4096 bytes"));
+    EXPECT_TRUE(client->Received(c.get()) == data);
+    EXPECT_EQ(0, client->Of(c.get()).sent);
+}
+
+// Sends of nothing or from no buffer are refused; the record size is clamped.
+TEST_F(StackTest, SendRefusalsAndTheRecordSizeClamps)
 {
     SocketPtr s = factory->CreateSocket(client, 0, L"127.0.0.1");
     ASSERT_TRUE(s);
@@ -61,40 +80,6 @@ TEST_F(StackTest, SendRefusesNothingToSendAndNoBuffer)
     EXPECT_EQ(0, s->Send(&byte, -1, 0));
     EXPECT_EQ(WSA_INVALID_PARAMETER, COverlappedSocket::GetLastError());
     EXPECT_EQ(0u, s->GetWaitSendListPackSize());
-}
-
-TEST_F(StackTest, OneRecordOnAnIdleSocketGoesStraightOut)
-{
-    unsigned short port;
-    SocketPtr listen = Listen(port, 1);
-    server->echo = true;
-    SocketPtr c = ConnectTo(port);
-    ASSERT_TRUE(client->connects.WaitAtLeast(1, "client OnConnect"));
-    std::string data = Pattern(4096);
-    ASSERT_EQ(4096, c->Send(data.data(), 4096, 0));
-    EXPECT_EQ(0u, c->GetWaitSendListPackSize());
-    ASSERT_TRUE(client->receives.WaitAtLeast(4096, "echo of 4096 bytes"));
-    EXPECT_TRUE(client->Received(c.get()) == data);
-}
-
-TEST_F(StackTest, NoOnSendWhenTheSocketWasToldNotTo)
-{
-    unsigned short port;
-    SocketPtr listen = Listen(port, 1);
-    server->echo = true;
-    SocketPtr c = ConnectTo(port);
-    c->SetNotifyObject(client, 0);
-    ASSERT_TRUE(client->connects.WaitAtLeast(1, "client OnConnect"));
-    ASSERT_EQ(3, c->Send("abc", 3, 0));
-    ASSERT_TRUE(client->receives.WaitAtLeast(3, "echo"));
-    EXPECT_EQ("abc", client->Received(c.get()));
-    EXPECT_EQ(0, client->Of(c.get()).sent);
-}
-
-TEST_F(StackTest, SetMaxSendPacketSizeClamps)
-{
-    SocketPtr s = factory->CreateSocket(client, 0, L"127.0.0.1");
-    ASSERT_TRUE(s);
     EXPECT_EQ(4096u, s->GetMaxSendPacketSize());
     const std::pair<DWORD, DWORD> cases[] = {{0xFFFFFFFF, 4096},  {99, 100},           {100, 100},
                                              {0, 100},            {0x100000, 0x100000}, {0x100001, 0x100000},

@@ -6,6 +6,7 @@
 #define WISOCK_TESTS_OVERLAPPED_STACK_FIXTURE_H
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <thread>
 
@@ -34,6 +35,12 @@ inline ::testing::AssertionResult OtherThreadGetsThrough(const SocketPtr& s)
     return result;
 }
 
+// Protected fields of a socket, for what the public interface can't show.
+struct SocketPeek : COverlappedSocket {
+    static DATE CreateTime(const COverlappedSocket* p) { return p->*(&SocketPeek::m_dtCreateTime); }
+    static DATE ConnectTime(const COverlappedSocket* p) { return p->*(&SocketPeek::m_dtConnectTime); }
+};
+
 class StackTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -50,8 +57,11 @@ protected:
 
     void TearDown() override
     {
+        const auto start = std::chrono::steady_clock::now();
         if (factory)
             factory->Destory();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5))
+            << "Destory waited out its drain: an operation's end went uncounted";
         // Destory lets go of every socket: they end while the factory object lives on.
         ExpectEveryOnDeleteOnceAndLast(*server, "server");
         ExpectEveryOnDeleteOnceAndLast(*client, "client");

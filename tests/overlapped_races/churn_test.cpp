@@ -154,13 +154,6 @@ private:
     std::map<const COverlappedSocket*, State> m_state;
 };
 
-void Reset(SOCKET s)
-{
-    linger l = {1, 0};
-    setsockopt(s, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&l), sizeof(l));
-    closesocket(s);
-}
-
 // One client connection, ended as its message says. False if the client saw
 // something no ending allows (no echo where one is due, wrong bytes).
 bool RunClient(unsigned short port, int index, Ending ending)
@@ -183,10 +176,11 @@ bool RunClient(unsigned short port, int index, Ending ending)
             got += static_cast<size_t>(n);
         ok = echo.compare(0, got, message, 0, got) == 0;
     }
-    if (ending == PEER_RESETS || ending == CLOSE_FROM_THREAD)
-        Reset(s);
-    else
-        closesocket(s);
+    if (ending == PEER_RESETS || ending == CLOSE_FROM_THREAD) {
+        linger reset = {1, 0};
+        setsockopt(s, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&reset), sizeof(reset));
+    }
+    closesocket(s);
     return ok;
 }
 
@@ -205,14 +199,7 @@ TEST_F(StackTest, ChurnOfEveryEndingGivesOneOnCloseOneOnDeleteAndTheRightBytes)
     AppThread closer;
     churn->closeFromThread = [&](SocketPtr s) { closer.Post([s] { s->Close(); }); };
     unsigned short port = 0;
-    SocketPtr listen = factory->CreateSocket(churn, 0, L"127.0.0.1");
-    ASSERT_TRUE(listen);
-    ASSERT_EQ(1, listen->Listen(32));
-    CString address;
-    unsigned int bound = 0;
-    ASSERT_EQ(1, listen->GetSockName(address, bound));
-    port = static_cast<unsigned short>(bound);
-    factory->CreateSocket(churn, listen, 16);
+    SocketPtr listen = Listen(port, 16, churn);
 
     // Idle peers: the server's receive time-out closes them.
     std::vector<SOCKET> idle;

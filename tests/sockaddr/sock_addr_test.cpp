@@ -26,7 +26,9 @@ unsigned short Port(const CWiSockAddr& addr)
     return ntohs(static_cast<const sockaddr_in*>(addr)->sin_port);
 }
 
-TEST(CWiSockAddrTest, ValuesPrintWithoutThePort)
+// Values print without the port; the text constructor takes the port
+// argument over the text's, text assignment the text's (0 without one).
+TEST(CWiSockAddrTest, ValuesTextsAndTheirPorts)
 {
     CWiSockAddr none;
     EXPECT_STREQ(L"0.0.0.0", none.ToString());
@@ -34,31 +36,22 @@ TEST(CWiSockAddrTest, ValuesPrintWithoutThePort)
     EXPECT_STREQ(L"127.0.0.1", local.ToString());
     EXPECT_EQ(0x7F000001ul, (unsigned long)local);
     EXPECT_EQ(80, Port(local)) << "printing must not change the port";
-    const sockaddr* raw = local;
-    EXPECT_EQ(AF_INET, raw->sa_family);
-    sockaddr_in copy = local.operator sockaddr_in();
-    EXPECT_EQ(htonl(0x7F000001), copy.sin_addr.s_addr);
-}
+    EXPECT_EQ(AF_INET, static_cast<const sockaddr*>(local)->sa_family);
+    EXPECT_EQ(htonl(0x7F000001), local.operator sockaddr_in().sin_addr.s_addr);
 
-TEST(CWiSockAddrTest, TextConstructorTakesThePortArgumentOverTheText)
-{
     CWiSockAddr plain(L"10.1.2.3", 80);
     EXPECT_STREQ(L"10.1.2.3", plain.ToString());
     EXPECT_EQ(80, Port(plain));
     CWiSockAddr withPort(L"10.1.2.3:99", 80);
     EXPECT_EQ(80, Port(withPort));
     EXPECT_EQ(0x0A010203ul, (unsigned long)withPort);
-}
 
-TEST(CWiSockAddrTest, TextAssignmentTakesThePortFromTheText)
-{
-    CWiSockAddr addr(0x7F000001, 80);
-    addr = L"10.1.2.3:99";
-    EXPECT_EQ(99, Port(addr));
-    EXPECT_EQ(0x0A010203ul, (unsigned long)addr);
-    addr = "10.4.5.6";
-    EXPECT_EQ(0, Port(addr)) << "a text without a port sets port 0";
-    EXPECT_STREQ(L"10.4.5.6", addr.ToString());
+    local = L"10.1.2.3:99";
+    EXPECT_EQ(99, Port(local));
+    EXPECT_EQ(0x0A010203ul, (unsigned long)local);
+    local = "10.4.5.6";
+    EXPECT_EQ(0, Port(local)) << "a text without a port sets port 0";
+    EXPECT_STREQ(L"10.4.5.6", local.ToString());
 }
 
 TEST(CWiSockAddrTest, BadTextKeepsTheFormerAddressButDropsTheCache)

@@ -179,6 +179,7 @@ TEST_F(TlsTest, CloseFromInsideOnConnectLeavesNoReferenceToItself)
 // alone (data may have been cut off): OnClose tells them apart.
 TEST_F(TlsTest, OnCloseTellsACleanTlsCloseFromATruncatedOne)
 {
+    DebugCapture trace;
     std::atomic<int> lastError(-1);
     server->onClose = [&](int nError, SocketPtr) { lastError = nError; };
     long closes = 0;
@@ -192,6 +193,7 @@ TEST_F(TlsTest, OnCloseTellsACleanTlsCloseFromATruncatedOne)
         closesocket(peer);
         ASSERT_TRUE(server->closes.WaitAtLeast(++closes, "server OnClose"));
         EXPECT_EQ(alert ? 0 : WSAECONNRESET, lastError.load()) << (alert ? "close alert, then TCP" : "TCP alone");
+        EXPECT_EQ(0u, trace.StartingWith(L"COverlappedSSL::OnClose (Error = ").size()) << "no network error came";
         if (!alert)
             OPENSSL_shutdown(hSSL);   // frees the handle
     }
