@@ -107,23 +107,12 @@ std::vector<std::wstring> DebugCapture::StartingWith(const std::wstring& prefix)
     return out;
 }
 
-bool DebugCapture::WaitFor(const std::wstring& text, size_t n, std::chrono::milliseconds timeout) const
+bool DebugCapture::WaitUntil(const std::function<bool(const std::vector<std::wstring>&)>& done,
+                             std::chrono::milliseconds timeout) const
 {
     CaptureState& state = State();
     std::unique_lock<std::mutex> lock(state.mutex);
-    return state.changed.wait_for(lock, timeout, [&] {
-        return (size_t)std::count(state.texts.begin(), state.texts.end(), text) >= n;
-    });
-}
-
-bool DebugCapture::WaitForStart(const std::wstring& prefix, std::chrono::milliseconds timeout) const
-{
-    CaptureState& state = State();
-    std::unique_lock<std::mutex> lock(state.mutex);
-    return state.changed.wait_for(lock, timeout, [&] {
-        return std::any_of(state.texts.begin(), state.texts.end(),
-                           [&](const std::wstring& text) { return text.compare(0, prefix.size(), prefix) == 0; });
-    });
+    return state.changed.wait_for(lock, timeout, [&] { return done(state.texts); });
 }
 
 void DebugCapture::Clear()

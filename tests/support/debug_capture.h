@@ -9,7 +9,9 @@
 #include <winsock2.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,11 +25,15 @@ public:
     bool Contains(const std::wstring& text) const { return Count(text) > 0; }
     // Texts that begin with prefix.
     std::vector<std::wstring> StartingWith(const std::wstring& prefix) const;
+    // Waits until done(texts so far) holds.
+    bool WaitUntil(const std::function<bool(const std::vector<std::wstring>&)>& done,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     // Waits until text has been written at least n times.
-    bool WaitFor(const std::wstring& text, size_t n = 1,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    // Waits until a text that begins with prefix has been written.
-    bool WaitForStart(const std::wstring& prefix, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    bool WaitFor(const std::wstring& text, size_t n = 1, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const
+    {
+        return WaitUntil([&](const std::vector<std::wstring>& t) { return (size_t)std::count(t.begin(), t.end(), text) >= n; },
+                         timeout);
+    }
     void Clear();
 
 private:

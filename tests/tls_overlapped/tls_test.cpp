@@ -301,7 +301,10 @@ TEST_F(TlsTest, WriterHeldUpBySlowReaderResumesOnFdWrite)
     std::string data = Pattern(8 << 20, 11);
     SendInPieces(s, data, 1 << 20);
     ASSERT_TRUE(spReaderStalled->WaitAtLeast(1, "the server's first OnReceive"));
-    ASSERT_TRUE(capture.WaitForStart(L"OPENSSL_write return -1, Error = 10035, ", std::chrono::seconds(30)))
+    const std::wstring wouldBlock = L"OPENSSL_write return -1, Error = 10035, ";
+    ASSERT_TRUE(capture.WaitUntil([&](const std::vector<std::wstring>& texts) {
+        return std::any_of(texts.begin(), texts.end(), [&](const std::wstring& t) { return t.rfind(wouldBlock, 0) == 0; });
+    }, std::chrono::seconds(30)))
         << "the client's OPENSSL_write never met would-block while the reader stalled";
     spReaderMayGo->Set();
     ASSERT_TRUE(server->receives.WaitAtLeast(static_cast<long>(data.size()), "all bytes after FD_WRITE",
