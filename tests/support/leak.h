@@ -21,8 +21,6 @@ class LeakBaseline {
 public:
     LeakBaseline();
     ::testing::AssertionResult Check(const std::string& scenario) const;
-    long HeapBlocks() const { return m_heapBlocks; }
-    long Handles() const { return m_handles; }
 
 private:
     long m_heapBlocks;

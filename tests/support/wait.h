@@ -27,7 +27,6 @@ public:
     ~TestEvent();
     HANDLE Handle() const { return m_h; }
     void Set() { SetEvent(m_h); }
-    void Reset() { ResetEvent(m_h); }
     bool IsSet() const { return WaitForSingleObject(m_h, 0) == WAIT_OBJECT_0; }
     ::testing::AssertionResult Wait(const std::string& what, std::chrono::milliseconds timeout = kDefaultWait) const
     {
