@@ -1,4 +1,4 @@
-// The MFC subset: strings, run-time classes, exceptions across the DLL boundary.
+// The MFC subset: formatted text, run-time classes, exceptions across the DLL boundary.
 #include <stdexcept>
 #include <thread>
 
@@ -51,30 +51,6 @@ TEST(CStringFormat, KeepsChineseAndFullWidthTextExactly)
     EXPECT_EQ(long_text[5000], L'尾');
 }
 
-TEST(CStringBasics, NarrowAssignmentEmptyAndSlicing)
-{
-    CString s = "abc";
-    EXPECT_STREQ(s, L"abc");
-    EXPECT_FALSE(s.IsEmpty());
-    s.Empty();
-    EXPECT_TRUE(s.IsEmpty());
-    EXPECT_STREQ((LPCWSTR)s, L"");
-
-    CString t(L"C:127.0.0.1:80");
-    EXPECT_EQ(t.Find(L':'), 1);
-    EXPECT_STREQ(t.Mid(2), L"127.0.0.1:80");
-    EXPECT_STREQ(t.Left(1), L"C");
-    EXPECT_STREQ(t.Right(2), L"80");
-    EXPECT_EQ(t.ReverseFind(L':'), 11);
-    EXPECT_TRUE(t == L"C:127.0.0.1:80");
-    int pos = 0;
-    EXPECT_STREQ(t.Tokenize(L":", pos), L"C");
-    EXPECT_STREQ(t.Tokenize(L":", pos), L"127.0.0.1");
-    EXPECT_STREQ(t.Tokenize(L":", pos), L"80");
-    EXPECT_STREQ(t.Tokenize(L":", pos), L"");
-    EXPECT_EQ(pos, -1);
-}
-
 TEST(RuntimeClass, ChainAndIsKindOf)
 {
     CDog dog;
@@ -87,12 +63,7 @@ TEST(RuntimeClass, ChainAndIsKindOf)
 
     CRuntimeClass* rc = dog.GetRuntimeClass();
     EXPECT_STREQ(rc->m_lpszClassName, "CDog");
-    EXPECT_EQ(rc->m_nObjectSize, (int)sizeof(CDog));
-    EXPECT_EQ(rc->m_wSchema, 0xFFFFu);
-    EXPECT_EQ((*rc->m_pfnGetBaseClass)(), RUNTIME_CLASS(CAnimal));
-    EXPECT_EQ(RUNTIME_CLASS(CAnimal)->m_pfnCreateObject, nullptr);
-    EXPECT_EQ(RUNTIME_CLASS(CAnimal)->CreateObject(), nullptr);
-
+    EXPECT_EQ(RUNTIME_CLASS(CAnimal)->CreateObject(), nullptr) << "DECLARE_DYNAMIC makes no objects";
     CObject* made = rc->CreateObject();
     ASSERT_NE(made, nullptr);
     EXPECT_TRUE(made->IsKindOf(RUNTIME_CLASS(CDog)));

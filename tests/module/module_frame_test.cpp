@@ -85,5 +85,9 @@ TEST(ModuleFrame, ExtensionModuleIsRegisteredWhileLoaded)
     for (CDynLinkLibrary* p = CDynLinkLibrary::GetFirst(); p != nullptr; p = p->m_pNextDLL)
         found = found || p->m_hModule == g_hModuleInstance;
     EXPECT_TRUE(found) << "the entry function registers a CDynLinkLibrary for wisock.dll";
-    EXPECT_EQ(g_hModuleInstance, GetModuleHandleW(L"wisock.dll"));
+    HMODULE hWisock = GetModuleHandleW(L"wisock.dll");
+    EXPECT_EQ(g_hModuleInstance, hWisock);
+    // The globals looked up by name are the ones the headers import.
+    EXPECT_EQ((FARPROC)&g_hModuleHeap, GetProcAddress(hWisock, "g_hModuleHeap"));
+    EXPECT_EQ((FARPROC)&g_hModuleInstance, GetProcAddress(hWisock, "g_hModuleInstance"));
 }

@@ -16,6 +16,7 @@
 #include "support/debug_capture.h"
 #include "support/leak.h"
 #include "support/net.h"
+#include "support/test_pki.h"
 
 // For a hook: another thread's call into the socket gets through while the
 // notification runs (no lock of the socket is held around notifications).
@@ -46,8 +47,10 @@ protected:
     void SetUp() override
     {
         WarmUpWinsock();
-        if (kind == 1)
+        if (kind == 1) {
+            UseTestCertificates();
             WarmUpTls();
+        }
         baseline.reset(new LeakBaseline);
         factory = COverlappedSocketFactory::CreateObject(kind, workers);
         ASSERT_TRUE(factory) << "CreateObject(" << kind << ", " << workers << ") failed";
@@ -196,6 +199,12 @@ protected:
     std::unique_ptr<LeakBaseline> baseline;
     FactoryPtr factory;
     std::shared_ptr<RecordingNotify> server, client;
+};
+
+// A scenario on a plain and on a TLS factory.
+class BothKinds : public StackTest, public ::testing::WithParamInterface<int> {
+protected:
+    BothKinds() { kind = GetParam(); }
 };
 
 #endif

@@ -5,16 +5,9 @@
 
 #include <winsock2.h>
 
-#include <string>
-
 // A handshake over s offering at most maxVersion (a TLS*_VERSION value) and,
 // up to TLS 1.2, only the suites named; true if it succeeded. The
 // connection is dropped afterwards.
 bool OpenSslClientHandshake(SOCKET s, int maxVersion, const char* suites);
-
-// A TLS 1.3 server made with OpenSSL over s (certificate and key from these
-// PEM files): after its handshake it asks the client for a key update, sends
-// message, and reads back as many bytes. True if the echo came back whole.
-bool OpenSslServerWithKeyUpdate(SOCKET s, const char* certFile, const char* keyFile, const std::string& message);
 
 #endif

@@ -54,23 +54,6 @@ TEST(CWiSockAddrTest, ValuesTextsAndTheirPorts)
     EXPECT_STREQ(L"10.4.5.6", local.ToString());
 }
 
-TEST(CWiSockAddrTest, BadTextKeepsTheFormerAddressButDropsTheCache)
-{
-    CWiSockAddr bad(L"not an address", 80);
-    EXPECT_EQ(0, static_cast<const sockaddr*>(bad)->sa_family) << "the constructor starts from all zero";
-    EXPECT_EQ(0ul, (unsigned long)bad);
-    EXPECT_EQ(nullptr, bad.ToString()) << "family 0 has no text";
-
-    Probe addr(0x0A010203, 7);
-    ASSERT_NE(nullptr, addr.ToString());
-    addr = L"300.1.2.3";
-    EXPECT_EQ(nullptr, addr.Cache());
-    EXPECT_EQ(0x0A010203ul, (unsigned long)addr);
-    EXPECT_EQ(7, Port(addr));
-    addr = "";
-    EXPECT_EQ(0x0A010203ul, (unsigned long)addr);
-}
-
 TEST(CWiSockAddrTest, AssignmentsDropTheCacheAndSelfAssignmentKeepsIt)
 {
     Probe addr(0x7F000001, 80);
@@ -123,19 +106,30 @@ TEST(CWiSockAddrTest, BufferFormsTakeExactlyTheTextAndItsTerminator)
     EXPECT_TRUE(text == L"10.1.2.3");
 }
 
-TEST(CWiSockAddrTest, ForeignFamilyHasNoTextAndNoAddress)
+// A bad text keeps the former address (the constructor's: all zero) but
+// drops the cache; family 0 and a foreign family have no text.
+TEST(CWiSockAddrTest, BadTextsAndForeignFamiliesGiveNoText)
 {
+    CWiSockAddr bad(L"not an address", 80);
+    EXPECT_EQ(0, static_cast<const sockaddr*>(bad)->sa_family);
+    EXPECT_EQ(nullptr, bad.ToString());
+    Probe addr(0x0A010203, 7);
+    ASSERT_NE(nullptr, addr.ToString());
+    for (const wchar_t* text : {L"300.1.2.3", L""}) {
+        addr = text;
+        EXPECT_EQ(nullptr, addr.Cache());
+        EXPECT_EQ(0x0A010203ul, (unsigned long)addr);
+        EXPECT_EQ(7, Port(addr));
+    }
     sockaddr_in foreign = {};
     foreign.sin_family = AF_INET6;   // 16 bytes can't hold an IPv6 record
     foreign.sin_addr.s_addr = htonl(0x0A010203);
-    CWiSockAddr addr(foreign);
-    EXPECT_EQ(0ul, (unsigned long)addr);
-    EXPECT_EQ(nullptr, addr.ToString());
+    CWiSockAddr other(foreign);
+    EXPECT_EQ(0ul, (unsigned long)other);
+    EXPECT_EQ(nullptr, other.ToString());
     CString text(L"old");
-    EXPECT_EQ(0, addr.ToString(text));
+    EXPECT_EQ(0, other.ToString(text));
     EXPECT_TRUE(text.IsEmpty()) << "the string is emptied first";
-    wchar_t wide[40];
-    EXPECT_EQ(0, addr.ToString(wide, 40));
 }
 
 // CWiInetAddr: texts of both families read, printed and compared; texts of

@@ -12,31 +12,6 @@
 TestEvent::TestEvent() : m_h(CreateEventW(NULL, TRUE, FALSE, NULL)) {}
 TestEvent::~TestEvent() { CloseHandle(m_h); }
 
-void EventCounter::Add(long n)
-{
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_count += n;
-    }
-    m_changed.notify_all();
-}
-
-long EventCounter::Get() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_count;
-}
-
-::testing::AssertionResult EventCounter::WaitAtLeast(long n, const std::string& what,
-                                                     std::chrono::milliseconds timeout) const
-{
-    std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_changed.wait_for(lock, timeout, [&] { return m_count >= n; }))
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "timed out after " << timeout.count() << " ms waiting for: " << what
-                                         << " (count " << m_count << ", wanted " << n << ")";
-}
-
 void ChangeSignal::Changed()
 {
     {

@@ -6,6 +6,7 @@
 #include <winsock2.h>
 #include <windows.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -39,21 +40,6 @@ private:
     HANDLE m_h;
 };
 
-// A counter that threads bump and tests wait on.
-class EventCounter {
-public:
-    void Add(long n = 1);
-    long Get() const;
-    // Waits until the count is at least n.
-    ::testing::AssertionResult WaitAtLeast(long n, const std::string& what,
-                                           std::chrono::milliseconds timeout = kDefaultWait) const;
-
-private:
-    mutable std::mutex m_mutex;
-    mutable std::condition_variable m_changed;
-    long m_count = 0;
-};
-
 // For objects whose state tests look at: Changed() after each change, and
 // WaitFor tests a condition again at each change until it holds.
 class ChangeSignal {
@@ -66,6 +52,29 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     unsigned long long m_nChanges = 0;
+};
+
+// A counter that threads bump and tests wait on.
+class EventCounter {
+public:
+    void Add(long n = 1)
+    {
+        m_count += n;
+        m_signal.Changed();
+    }
+    long Get() const { return m_count; }
+    ::testing::AssertionResult WaitAtLeast(long n, const std::string& what,
+                                           std::chrono::milliseconds timeout = kDefaultWait) const
+    {
+        ::testing::AssertionResult result = m_signal.WaitFor([&] { return m_count >= n; }, what, timeout);
+        if (!result)
+            result << " (count " << m_count << ", wanted " << n << ")";
+        return result;
+    }
+
+private:
+    std::atomic<long> m_count{0};
+    ChangeSignal m_signal;
 };
 
 // Re-checks a condition that no event announces (a handle count, a heap

@@ -1,5 +1,7 @@
 #include "comm_harness.h"
 
+#include <numeric>
+
 #include "support/test_pki.h"
 
 #include "module/scope_lock.h"
@@ -19,41 +21,6 @@ void Recorder::Add(const std::string& kind, const CommPtr& spComm, int a, int b,
             m_spLastOpened = spComm;
     }
     m_signal.Changed();
-}
-
-void Recorder::OnOpen(CommPtr spComm)
-{
-    Add("open", spComm, 0, 0);
-    if (onOpen)
-        onOpen(spComm);
-}
-
-void Recorder::OnClose(CommPtr spComm)
-{
-    Add("close", spComm, 0, 0);
-    if (onClose)
-        onClose(spComm);
-}
-
-void Recorder::OnReadComplete(const void* pData, int nLength, CommPtr spComm)
-{
-    Add("read", spComm, nLength, 0, pData);
-    if (onRead)
-        onRead(pData, nLength, spComm);
-}
-
-void Recorder::OnWriteComplete(int nLength, CommPtr spComm)
-{
-    Add("write", spComm, nLength, 0);
-    if (onWrite)
-        onWrite(nLength, spComm);
-}
-
-void Recorder::OnError(int nOperation, int nErrorCode, CommPtr spComm)
-{
-    Add("error", spComm, nOperation, nErrorCode);
-    if (onError)
-        onError(nOperation, nErrorCode, spComm);
 }
 
 std::vector<CommEvent> Recorder::Events(const std::string& kind, CWiComm* pComm) const
@@ -89,10 +56,8 @@ std::vector<int> Recorder::Lengths(const std::string& kind, CWiComm* pComm) cons
 
 long Recorder::WrittenBytes(CWiComm* pComm) const
 {
-    long n = 0;
-    for (int nLength : Lengths("write", pComm))
-        n += nLength;
-    return n;
+    std::vector<int> lengths = Lengths("write", pComm);
+    return std::accumulate(lengths.begin(), lengths.end(), 0L);
 }
 
 std::string Recorder::Data(CWiComm* pComm) const

@@ -35,13 +35,12 @@ public:
     std::function<void(CommPtr)> onOpen, onClose;
     std::function<void(const void*, int, CommPtr)> onRead;
     std::function<void(int, CommPtr)> onWrite;
-    std::function<void(int, int, CommPtr)> onError;
 
-    void OnOpen(CommPtr spComm) override;
-    void OnClose(CommPtr spComm) override;
-    void OnReadComplete(const void* pData, int nLength, CommPtr spComm) override;
-    void OnWriteComplete(int nLength, CommPtr spComm) override;
-    void OnError(int nOperation, int nErrorCode, CommPtr spComm) override;
+    void OnOpen(CommPtr sp) override { Add("open", sp, 0, 0); Hook(onOpen, sp); }
+    void OnClose(CommPtr sp) override { Add("close", sp, 0, 0); Hook(onClose, sp); }
+    void OnReadComplete(const void* p, int n, CommPtr sp) override { Add("read", sp, n, 0, p); Hook(onRead, p, n, sp); }
+    void OnWriteComplete(int n, CommPtr sp) override { Add("write", sp, n, 0); Hook(onWrite, n, sp); }
+    void OnError(int nOperation, int nErrorCode, CommPtr sp) override { Add("error", sp, nOperation, nErrorCode); }
 
     // Events of a kind ("" for all), of one object (all with null).
     std::vector<CommEvent> Events(const std::string& kind = "", CWiComm* pComm = nullptr) const;
@@ -51,7 +50,7 @@ public:
     std::vector<int> Lengths(const std::string& kind, CWiComm* pComm) const;   // read/write lengths
     long WrittenBytes(CWiComm* pComm) const;     // sum of OnWriteComplete lengths
     std::string Data(CWiComm* pComm) const;      // all bytes read by the object
-    // Accepted objects (OnOpen with "C:" on a recorder that serves a listener).
+    // The object of the last OnOpen (on a listener's recorder: the last accepted).
     CommPtr LastOpened() const;
     void Forget();   // drops the references the recorder holds
     ::testing::AssertionResult WaitFor(const std::function<bool()>& condition, const std::string& what,
@@ -61,6 +60,12 @@ public:
     }
 
 private:
+    template <class Fn, class... Args>
+    static void Hook(const Fn& fn, Args... args)
+    {
+        if (fn)
+            fn(args...);
+    }
     void Add(const std::string& kind, const CommPtr& spComm, int a, int b, const void* pData = nullptr);
     mutable std::mutex m_mutex;
     ChangeSignal m_signal;

@@ -2,6 +2,8 @@
 // connect ends without a connection.
 #include "comm_harness.h"
 
+#include <stdexcept>
+
 namespace {
 
 class OpenTest : public WiCommTest {};
@@ -63,6 +65,19 @@ TEST_F(OpenTest, ListenFormsAndTheirText)
     EXPECT_EQ(0, a->SetTimeouts(100, 100, 100, 0)) << "a listener has no time-outs";
     EXPECT_EQ(0, a->Write("x", 1)) << "a listener takes no data";
     EXPECT_EQ(0, a->SetCommOpt("anything"));
+    // The application's exception out of OnOpen unwinds through NewObject and
+    // is caught by type.
+    Recorder& thrower = Rec();
+    thrower.onOpen = [](CommPtr) { throw std::runtime_error("from OnOpen"); };
+    std::string caught;
+    OnWindow([&] {
+        try {
+            CWiComm::NewObject(CWiComm::CLASSID_WITCP, ("S:" + std::to_string(FreeLoopbackPort())).c_str(), &thrower, -1);
+        } catch (const std::runtime_error& e) {
+            caught = e.what();
+        }
+    });
+    EXPECT_EQ("from OnOpen", caught);
 
     unsigned short port2 = FreeLoopbackPort();
     CommPtr b = Make("Server:" + std::to_string(port2) + ",1", &srv);
@@ -77,71 +92,62 @@ TEST_F(OpenTest, ListenFormsAndTheirText)
         << "GetLocalPort gives the port as the address record holds it";
 }
 
-TEST_F(OpenTest, ConnectAcceptAndTheirTexts)
-{
-    CommPtr listener = Listen(&srv);
-    ASSERT_TRUE(listener);
-    // The long form, with a port cut to 16 bits.
-    CommPtr client = Make("connect:0,127.0.0.1," + std::to_string(65536 + m_port), &cli);
-    ASSERT_TRUE(client);
-    EXPECT_NE(std::string::npos, Narrow(client->GetOpenOption()).find(",127.0.0.1," + std::to_string(m_port)));
-    ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "client OnOpen"));
-    ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == 2; }, "OnOpen of the accepted object"));
-    CommPtr accepted = srv.LastOpened();
-    EXPECT_EQ(1, client->IsOpen());
-    EXPECT_EQ(1, accepted->IsOpen());
-    CWiSocket* pClient = static_cast<CWiSocket*>(client.get());
-    CWiSocket* pAccepted = static_cast<CWiSocket*>(accepted.get());
-    unsigned clientPort = ntohs((u_short)pClient->GetLocalPort());
-    EXPECT_EQ("C:" + std::to_string(clientPort) + ",127.0.0.1," + std::to_string(m_port),
-              Narrow(client->GetOpenOption()));
-    EXPECT_EQ("C:" + std::to_string(m_port) + ",127.0.0.1," + std::to_string(clientPort),
-              Narrow(accepted->GetOpenOption()));
-    CWiSockAddr peer;
-    ASSERT_EQ(1, pAccepted->GetPeerAddr(peer));
-    EXPECT_EQ(htons((u_short)clientPort), peer.sin_port);
-    EXPECT_EQ((long)htons((u_short)clientPort), pAccepted->GetPeerPort());
-    for (const CommEvent& e : srv.Events())
-        EXPECT_EQ(m_window->ThreadId(), e.nThread) << "notifications run on the window thread";
-}
-
-// IPv6: a listener on "::" (named in its option) takes IPv6 and IPv4
-// clients, plain and TLS; the texts print IPv6 addresses; an address of
-// neither family makes no object.
-TEST_F(OpenTest, Ipv6ConnectsAndADualStackListener)
+// Connect and accept, and the texts of both ends: an IPv4 listener (its
+// client in the long form, with a port cut to 16 bits), and a listener on
+// "::" (named in its option) that takes IPv6 and IPv4 clients, plain and
+// TLS. Notifications run on the window thread.
+TEST_F(OpenTest, ConnectAcceptAndTheirTextsOnBothFamilies)
 {
     struct Case {
+        const char* listenOn;      // the listener's address option
         int serverMode, clientMode;
         const char* peer;          // what the client connects to
         const char* seenByServer;  // the client's address in the accepted object's text
-    } cases[] = {{-1, -1, "::1", "::1"}, {-1, -1, "127.0.0.1", "::ffff:127.0.0.1"}, {1, 0, "::1", "::1"}};
+    } cases[] = {{"", -1, -1, "127.0.0.1", "127.0.0.1"},
+                 {",0,::", -1, -1, "::1", "::1"},
+                 {",0,::", -1, -1, "127.0.0.1", "::ffff:127.0.0.1"},
+                 {",0,::", 1, 0, "::1", "::1"}};
     for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.peer) + (c.clientMode == 0 ? " TLS" : " plain"));
+        SCOPED_TRACE(std::string(c.listenOn) + " " + c.peer + (c.clientMode == 0 ? " TLS" : " plain"));
         Recorder& srv = Rec();
         Recorder& cli = Rec();
+        const bool v4 = c.listenOn[0] == 0;
         unsigned short port = FreeLoopbackPort();
-        CommPtr listener = Make("S:" + std::to_string(port) + ",0,::", &srv, c.serverMode);
+        const std::string listen = "S:" + std::to_string(port) + c.listenOn;
+        CommPtr listener = Make(listen, &srv, c.serverMode);
         ASSERT_TRUE(listener);
-        EXPECT_EQ("S:" + std::to_string(port) + ",0,::", Narrow(listener->GetOpenOption()));
-        CommPtr client = Make("C:0," + std::string(c.peer) + "," + std::to_string(port), &cli, c.clientMode,
-                              c.clientMode == 0);
+        EXPECT_EQ(listen, Narrow(listener->GetOpenOption()));
+        CommPtr client = Make((v4 ? "connect:0," : "C:0,") + std::string(c.peer) + "," +
+                                  std::to_string(v4 ? 65536 + port : port),
+                              &cli, c.clientMode, c.clientMode == 0);
         ASSERT_TRUE(client);
         ASSERT_TRUE(cli.WaitFor([&] { return cli.Count("open") == 1; }, "client OnOpen"));
         ASSERT_TRUE(srv.WaitFor([&] { return srv.Count("open") == 2; }, "OnOpen of the accepted object"));
         CommPtr accepted = srv.LastOpened();
+        EXPECT_EQ(1, client->IsOpen());
+        EXPECT_EQ(1, accepted->IsOpen());
+        CWiSocket* pAccepted = static_cast<CWiSocket*>(accepted.get());
         unsigned clientPort = ntohs((u_short)static_cast<CWiSocket*>(client.get())->GetLocalPort());
         EXPECT_EQ("C:" + std::to_string(clientPort) + "," + c.peer + "," + std::to_string(port),
                   Narrow(client->GetOpenOption()));
         EXPECT_EQ("C:" + std::to_string(port) + "," + c.seenByServer + "," + std::to_string(clientPort),
                   Narrow(accepted->GetOpenOption()));
         CWiInetAddr peer;
-        ASSERT_EQ(1, static_cast<CWiSocket*>(accepted.get())->GetPeerAddr(peer));
-        EXPECT_EQ(AF_INET6, peer.GetFamily());
+        ASSERT_EQ(1, pAccepted->GetPeerAddr(peer));
+        EXPECT_EQ(v4 ? AF_INET : AF_INET6, peer.GetFamily());
         EXPECT_EQ(clientPort, peer.GetPort());
+        if (v4) {
+            EXPECT_EQ((long)htons((u_short)clientPort), pAccepted->GetPeerPort());
+            CWiSockAddr peer4;
+            ASSERT_EQ(1, pAccepted->GetPeerAddr(peer4));
+            EXPECT_EQ(htons((u_short)clientPort), peer4.sin_port);
+        }
         std::vector<char> data = Pattern(9000, 3);
         ASSERT_EQ(1, client->Write(data.data(), (unsigned long)data.size()));
         ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()).size() == data.size(); }, "the data"));
         EXPECT_TRUE(srv.Data(accepted.get()) == std::string(data.begin(), data.end()));
+        for (const CommEvent& e : srv.Events())
+            EXPECT_EQ(m_window->ThreadId(), e.nThread) << "notifications run on the window thread";
         srv.Forget();
     }
 }

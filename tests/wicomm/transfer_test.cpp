@@ -147,32 +147,6 @@ TEST_F(TransferTest, PlainBlocksMergingUnpackingAndOverflow)
     EXPECT_EQ('w', srv.Data(accepted.get()).back());
 }
 
-TEST_F(TransferTest, PartialSendsUnderAFullSocketBufferLoseNothing)
-{
-    Pair();
-    int sndbuf = 8192;
-    setsockopt(TcpPeek::Socket(client), SOL_SOCKET, SO_SNDBUF, (char*)&sndbuf, sizeof(sndbuf));
-    // The reader stops reading until the writer has queued everything.
-    ASSERT_EQ(1, accepted->SetTimeouts(0, 0, 0, 65536));
-    TestEvent release;
-    std::vector<char> data = Pattern(512 << 10, 3);
-    srv.onRead = [&](const void*, int, CommPtr) { WaitForSingleObject(release.Handle(), 10000); };
-    // Write from this thread, in pieces, while the window thread sends.
-    for (size_t off = 0; off < data.size(); off += 65536)
-        ASSERT_EQ(1, client->Write(data.data() + off, 65536));
-    release.Set();
-    ASSERT_TRUE(srv.WaitFor([&] { return srv.Data(accepted.get()).size() == data.size(); }, "512 KiB read"));
-    EXPECT_TRUE(srv.Data(accepted.get()) == std::string(data.begin(), data.end())) << "bytes differ";
-    ASSERT_TRUE(cli.WaitFor([&] { return cli.WrittenBytes(client.get()) == (long)data.size(); }, "512 KiB written"));
-    EXPECT_EQ(0u, TcpPeek::QueuedBytes(client));
-    for (int n : srv.Lengths("read", accepted.get()))
-        EXPECT_LE(n, 65536) << "no delivery is larger than the read size";
-    // Each block holds 65536 bytes: a smaller notification is a partial send.
-    std::vector<int> lengths = cli.Lengths("write", client.get());
-    EXPECT_TRUE(std::any_of(lengths.begin(), lengths.end(), [](int n) { return n < 65536; }))
-        << "no partial send happened: " << lengths.size() << " notifications";
-}
-
 // A message loop inside OnWriteComplete of a partial send dispatches the
 // next FD_WRITE (and the peer's reads, which run on this thread too): the
 // unsent rest leaves before a write made later.
