@@ -25,7 +25,7 @@ public:
     // Hooks run inside the call, after it was recorded.
     std::function<void(int, SocketPtr)> onConnect, onClose;
     std::function<void(const void*, int, SocketPtr)> onReceive;
-    std::function<void(int, SocketPtr)> onSend;
+    std::function<void(int, int, SocketPtr)> onSend;   // error, length
     std::function<DWORD(SocketPtr)> onTimeout;
     bool echo = false;   // send every received byte back
 
@@ -75,11 +75,11 @@ public:
             onReceive(pData, nLength, s);
         receives.Add(nLength);
     }
-    void OnSend(int, int nLength, SocketPtr s) override
+    void OnSend(int nErrorCode, int nLength, SocketPtr s) override
     {
         Update(s.get(), [&](Entry& e) { e.sent += nLength; });
         if (onSend)
-            onSend(nLength, s);
+            onSend(nErrorCode, nLength, s);
         sends.Add();
     }
     DWORD OnReceiveTimeout(SocketPtr s) override

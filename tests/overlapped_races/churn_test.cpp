@@ -7,9 +7,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <map>
-#include <mutex>
 #include <thread>
 
 #include "../overlapped/stack_fixture.h"
@@ -37,122 +34,63 @@ std::string Message(int index, Ending ending)
     return message + Pattern(length, length);
 }
 
-class ChurnServer : public ISocketNotifyObject {
-public:
-    EventCounter connects, deletesOfConnected, corrupted, doubleCloses, lateNotifications;
-    std::function<void(SocketPtr)> closeFromThread;
+// What a server socket has read of its peer's message: the ending and the
+// length once the header is in; false if the bytes are not that message
+// (data of another connection, or more than it).
+bool ReadSoFar(const std::string& got, Ending& ending, size_t& length)
+{
+    ending = ENDINGS;
+    length = 0;
+    if (got.size() < 5)
+        return true;
+    uint32_t n;
+    std::memcpy(&n, &got[1], 4);
+    ending = static_cast<Ending>(got[0]);
+    length = n;
+    if (ending >= ENDINGS || n == 0 || n > 6000 || got.size() > 5 + length)
+        return false;
+    return got.compare(5, got.size() - 5, Pattern(length, n), 0, got.size() - 5) == 0;
+}
 
-    void OnConnect(int nErrorCode, SocketPtr s) override
-    {
-        if (nErrorCode != 0)
+// Each socket is driven by the ending its peer's message names.
+void DriveByMessage(RecordingNotify& server, AppThread& closer)
+{
+    auto connects = std::make_shared<std::atomic<long>>(0);
+    server.onConnect = [connects](int nError, SocketPtr s) {
+        if (nError != 0)
             return;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_state[s.get()].connected = true;
-        }
-        connects.Add();
         s->SetReceiveTimeout(1500);   // idle peers are closed by OnReceiveTimeout
-        if (ClosesInOnConnect(s))
-            s->Close();
-    }
-    void OnClose(int, SocketPtr s) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (++m_state[s.get()].closes > 1)
-            doubleCloses.Add();
-    }
-    void OnReceive(int, const void* pData, int nLength, SocketPtr s) override
-    {
+        if (++*connects % 11 == 5)
+            s->Close();   // whatever its peer does
+    };
+    server.onReceive = [&server, &closer](const void* pData, int nLength, SocketPtr s) {
         Ending ending;
-        bool complete;
-        if (!Take(s.get(), static_cast<const char*>(pData), nLength, ending, complete))
+        size_t length;
+        const std::string got = server.Received(s.get());
+        if (!ReadSoFar(got, ending, length))
             return;
+        const bool complete = length != 0 && got.size() == 5 + length;
         if (ending != CLOSE_IN_ONRECEIVE && ending != CLOSE_FROM_THREAD)
             s->Send(pData, nLength, 0);
         if (complete && ending == CLOSE_IN_ONRECEIVE)
             s->Close();
         if (complete && ending == CLOSE_FROM_THREAD)
-            closeFromThread(s);
-    }
-    void OnSend(int nErrorCode, int nLength, SocketPtr s) override
-    {
-        bool close = nErrorCode != 0;   // a failed send ends the socket from inside OnSend
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            State& st = m_state[s.get()];
-            st.sent += nLength;
-            close = close || (st.ending == CLOSE_IN_ONSEND && st.expected != 0 && st.sent == static_cast<long long>(st.expected));
-        }
-        if (close)
+            closer.Post([s] { s->Close(); });
+    };
+    server.onSend = [&server](int nError, int, SocketPtr s) {
+        RecordingNotify::Entry e = server.Of(s.get());
+        Ending ending;
+        size_t length;
+        ReadSoFar(e.received, ending, length);
+        // A failed send ends the socket from inside OnSend.
+        if (nError != 0 || (ending == CLOSE_IN_ONSEND && length != 0 && e.sent == (long long)(5 + length)))
             s->Close();
-    }
-    DWORD OnReceiveTimeout(SocketPtr s) override
-    {
+    };
+    server.onTimeout = [](SocketPtr s) -> DWORD {
         s->Close();
         return 0;
-    }
-    void OnDelete(COverlappedSocket* p) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        auto it = m_state.find(p);
-        if (it == m_state.end())
-            return;   // an accept that never got a connection
-        bool connected = it->second.connected;
-        if (it->second.closes != 1)
-            doubleCloses.Add();
-        m_state.erase(it);   // the address may come back for a new object
-        if (connected)
-            deletesOfConnected.Add();
-    }
-
-private:
-    struct State {
-        bool connected = false;
-        int closes = 0;
-        std::string received;
-        size_t expected = 0;
-        Ending ending = ENDINGS;
-        long long sent = 0;
     };
-
-    bool ClosesInOnConnect(const SocketPtr&) { return ++m_connectCount % 11 == 5; }
-    std::atomic<long> m_connectCount{0};
-
-    // Checks each byte against the message its own peer sends. False if the
-    // bytes are not that message (data of another connection).
-    bool Take(const COverlappedSocket* p, const char* data, int n, Ending& ending, bool& complete)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        State& st = m_state[p];
-        if (st.closes != 0)
-            lateNotifications.Add();
-        st.received.append(data, static_cast<size_t>(n));
-        complete = false;
-        ending = st.ending;
-        if (st.received.size() < 5)
-            return true;
-        uint32_t length;
-        std::memcpy(&length, &st.received[1], 4);
-        st.ending = static_cast<Ending>(st.received[0]);
-        ending = st.ending;
-        if (ending >= ENDINGS || length == 0 || length > 6000) {
-            corrupted.Add();
-            return false;
-        }
-        st.expected = 5 + length;
-        std::string want = Pattern(length, length);
-        size_t have = st.received.size() - 5;
-        if (have > length || st.received.compare(5, have, want, 0, have) != 0) {
-            corrupted.Add();
-            return false;
-        }
-        complete = have == length;
-        return true;
-    }
-
-    std::mutex m_mutex;
-    std::map<const COverlappedSocket*, State> m_state;
-};
+}
 
 // One client connection, ended as its message says. False if the client saw
 // something no ending allows (no echo where one is due, wrong bytes).
@@ -195,11 +133,10 @@ int ChurnConnections()
 TEST_F(StackTest, ChurnOfEveryEndingGivesOneOnCloseOneOnDeleteAndTheRightBytes)
 {
     const int total = ChurnConnections();
-    auto churn = std::make_shared<ChurnServer>();
     AppThread closer;
-    churn->closeFromThread = [&](SocketPtr s) { closer.Post([s] { s->Close(); }); };
+    DriveByMessage(*server, closer);
     unsigned short port = 0;
-    SocketPtr listen = Listen(port, 16, churn);
+    SocketPtr listen = Listen(port, 16);
 
     // Idle peers: the server's receive time-out closes them.
     std::vector<SOCKET> idle;
@@ -220,14 +157,26 @@ TEST_F(StackTest, ChurnOfEveryEndingGivesOneOnCloseOneOnDeleteAndTheRightBytes)
         EXPECT_GE(0, recv(s, &byte, 1, 0)) << "an idle peer was closed by the server's time-out";
         closesocket(s);
     }
-    const long connected = churn->connects.Get();
-    EXPECT_EQ(total + 8, connected) << "every client was accepted";
-    EXPECT_TRUE(churn->deletesOfConnected.WaitAtLeast(connected, "OnDelete of every connected socket before Destory",
-                                                      std::chrono::seconds(20)));
+    // Every connected socket has ended before Destory: the fixture then checks
+    // one OnClose and one OnDelete, last, for each.
+    EXPECT_TRUE(server->deletes.WaitAtLeast(total + 8, "OnDelete of every connected socket before Destory",
+                                            std::chrono::seconds(20)));
+    std::vector<RecordingNotify::Entry> ended;
+    for (const auto& e : server->Entries())
+        if (!e.log.empty() && e.log.front() == "OnConnect(0)")
+            ended.push_back(e);
+    EXPECT_EQ(size_t(total + 8), ended.size()) << "every client was accepted";
     EXPECT_EQ(0, clientFailures.load()) << "clients that got bytes they did not send";
-    EXPECT_EQ(0, churn->corrupted.Get()) << "server sockets that got bytes their peer did not send";
-    EXPECT_EQ(0, churn->doubleCloses.Get()) << "sockets without exactly one OnClose";
-    EXPECT_EQ(0, churn->lateNotifications.Get()) << "OnReceive after OnClose";
+    for (const auto& e : ended) {
+        Ending ending;
+        size_t length;
+        EXPECT_EQ("OnDelete", e.log.back()) << "a connected socket still alive";
+        EXPECT_TRUE(ReadSoFar(e.received, ending, length)) << "a server socket got bytes its peer did not send";
+        auto close = std::find_if(e.log.begin(), e.log.end(), [](const std::string& l) { return l.rfind("OnClose", 0) == 0; });
+        EXPECT_NE(e.log.end(), close) << "a connected socket ended without OnClose";
+        EXPECT_EQ(e.log.end(), std::find(close, e.log.end(), "OnReceive")) << "OnReceive after OnClose";
+    }
+    server->onConnect = nullptr, server->onReceive = nullptr, server->onSend = nullptr, server->onTimeout = nullptr;
     listen->Close();
     listen.reset();
 }
