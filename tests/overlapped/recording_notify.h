@@ -29,7 +29,7 @@ public:
     std::function<DWORD(SocketPtr)> onTimeout;
     bool echo = false;   // send every received byte back
 
-    EventCounter connects, closes, deletes, receives, sends, timeouts;   // receives counts bytes
+    EventCounter connects, closes, deletes, receives, timeouts;   // receives counts bytes
 
     // What one socket was told; consecutive OnReceive calls are logged once.
     struct Entry {
@@ -80,7 +80,6 @@ public:
         Update(s.get(), [&](Entry& e) { e.sent += nLength; });
         if (onSend)
             onSend(nErrorCode, nLength, s);
-        sends.Add();
     }
     DWORD OnReceiveTimeout(SocketPtr s) override
     {

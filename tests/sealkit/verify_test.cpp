@@ -9,76 +9,71 @@
 
 namespace {
 
-const wchar_t kHandshakeFailed[] = L"Sealkit: OPENSSL_connect: handshake failed: certificate verification failed";
-
-// A server whose chain ends at a CA the client doesn't trust is refused
-// (and sees the client's alert), unless SEALKIT_VERIFY is exactly "0": the
-// one way to turn verification off.
-TEST_F(SealkitTest, AnUntrustedServerIsRefusedUnlessVerifyIsZero)
+// Trust, names and client certificates, one connection a row. The server's
+// certificate is for localhost and 127.0.0.1 (not 127.0.0.2). A server whose
+// chain ends at a CA the client doesn't trust is refused unless SEALKIT_VERIFY
+// is exactly "0": the one way to turn verification off.
+TEST_F(SealkitTest, TheClientAcceptsOnlyATrustedCertificateForThePeer)
 {
-    const wchar_t* verify[] = {nullptr, L"no", L"0"};
-    for (const wchar_t* value : verify) {
-        SCOPED_TRACE(value ? "SEALKIT_VERIFY set" : "SEALKIT_VERIFY unset");
-        SetSetting(L"SEALKIT_CA", Files().otherCa.c_str());
-        SetSetting(L"SEALKIT_VERIFY", value);
-        Start();
-        DebugCapture capture;
-        {
-            TlsPair pair;
-            const bool off = value != nullptr && value[0] == L'0';
-            EXPECT_EQ(off, pair.client != 0);
-            EXPECT_EQ(off, pair.server != 0);
-            EXPECT_EQ(off ? 0u : 1u, capture.StartingWith(kHandshakeFailed).size());
-        }
-        Stop();
-    }
-}
-
-// The server's certificate is for localhost and 127.0.0.1 (not 127.0.0.2).
-TEST_F(SealkitTest, TheCertificateMustBeForTheNameOrAddressOfThePeer)
-{
+    const wchar_t* untrusted = Files().otherCa.c_str();
+    const wchar_t kNotTrusted[] = L"Sealkit: OPENSSL_connect: handshake failed: certificate verification failed";
+    const wchar_t kNotForPeer[] = L"Sealkit: OPENSSL_connect: handshake failed: the server's certificate is not for ";
     struct {
+        const char* what;
         const char* address;
+        const wchar_t* ca;           // SEALKIT_CA (null: the test CA)
+        const wchar_t* verify;       // SEALKIT_VERIFY
         const wchar_t* fallback;     // SEALKIT_SERVER_NAME
         const wchar_t* registered;   // OPENSSL_expect_server_name for this peer
+        bool requireClientCert;      // SEALKIT_CLIENT_CA on the server side
+        bool presentClientCert;      // SEALKIT_CLIENT_CERT/KEY on the client side
         bool ok;
-    } cases[] = {
-        {"127.0.0.1", nullptr, nullptr, true},                      // no name: the peer's address, in the certificate
-        {"127.0.0.2", nullptr, nullptr, false},                     // no name, and the address isn't in it
-        {"127.0.0.2", nullptr, L"localhost", true},                 // the application names this peer's host
-        {"127.0.0.2", L"localhost", nullptr, true},                 // the process-wide fallback
-        {"127.0.0.2", L"localhost", L"other.example", false},       // the peer's own name comes first
-        {"127.0.0.1", L"other.example", nullptr, false},            // a wrong fallback
-        {"127.0.0.1", L"127.0.0.1", nullptr, true},                 // an address as the name
+        const wchar_t* failure;      // the client's text when it refuses
+    } rows[] = {
+        {"untrusted CA", "127.0.0.1", untrusted, nullptr, nullptr, nullptr, false, false, false, kNotTrusted},
+        {"untrusted CA, VERIFY=no", "127.0.0.1", untrusted, L"no", nullptr, nullptr, false, false, false, kNotTrusted},
+        {"untrusted CA, VERIFY=0", "127.0.0.1", untrusted, L"0", nullptr, nullptr, false, false, true, nullptr},
+        {"no name: the peer's address, in the certificate", "127.0.0.1", nullptr, nullptr, nullptr, nullptr, false, false, true, nullptr},
+        {"no name, and the address isn't in it", "127.0.0.2", nullptr, nullptr, nullptr, nullptr, false, false, false, kNotForPeer},
+        {"the application names this peer's host", "127.0.0.2", nullptr, nullptr, nullptr, L"localhost", false, false, true, nullptr},
+        {"the process-wide fallback", "127.0.0.2", nullptr, nullptr, L"localhost", nullptr, false, false, true, nullptr},
+        {"the peer's own name comes first", "127.0.0.2", nullptr, nullptr, L"localhost", L"other.example", false, false, false, kNotForPeer},
+        {"a wrong fallback", "127.0.0.1", nullptr, nullptr, L"other.example", nullptr, false, false, false, kNotForPeer},
+        {"an address as the name", "127.0.0.1", nullptr, nullptr, L"127.0.0.1", nullptr, false, false, true, nullptr},
+        {"client certificate required, none presented", "127.0.0.1", nullptr, nullptr, nullptr, nullptr, true, false, false, nullptr},
+        {"client certificate required and presented", "127.0.0.1", nullptr, nullptr, nullptr, nullptr, true, true, true, nullptr},
     };
-    for (auto& c : cases) {
-        SetSetting(L"SEALKIT_SERVER_NAME", c.fallback);
+    for (auto& r : rows) {
+        SCOPED_TRACE(r.what);
+        SetSetting(L"SEALKIT_CA", r.ca ? r.ca : Files().ca.c_str());
+        SetSetting(L"SEALKIT_VERIFY", r.verify);
+        SetSetting(L"SEALKIT_SERVER_NAME", r.fallback);
+        SetSetting(L"SEALKIT_CLIENT_CA", r.requireClientCert ? Files().ca.c_str() : nullptr);
+        SetSetting(L"SEALKIT_CLIENT_CERT", r.presentClientCert ? Files().clientCert.c_str() : nullptr);
+        SetSetting(L"SEALKIT_CLIENT_KEY", r.presentClientCert ? Files().clientKey.c_str() : nullptr);
         Start();
         {
             DebugCapture capture;
-            SocketPair sockets(c.address);
+            SocketPair sockets(r.address);
             sockaddr_storage peer = {};
             int length = sizeof(peer);
-            ASSERT_EQ(0, getpeername(sockets.client, (sockaddr*)&peer, &length)) << c.address;
-            if (c.registered) {
-                ASSERT_EQ(1, OPENSSL_expect_server_name((const sockaddr*)&peer, length, c.registered));
+            ASSERT_EQ(0, getpeername(sockets.client, (sockaddr*)&peer, &length));
+            if (r.registered) {
+                ASSERT_EQ(1, OPENSSL_expect_server_name((const sockaddr*)&peer, length, r.registered));
             }
             HSSL client = 0, server = 0;
-            EXPECT_EQ(c.ok, Handshake(sockets, client, server)) << c.address << " expecting "
-                                                                   << (c.registered ? "a registered name" : "no name");
-            if (!c.ok) {
-                EXPECT_EQ(1u, capture.StartingWith(L"Sealkit: OPENSSL_connect: handshake failed: the server's "
-                                                   L"certificate is not for ").size());
+            EXPECT_EQ(r.ok, Handshake(sockets, client, server));
+            if (r.failure) {
+                EXPECT_EQ(1u, capture.StartingWith(r.failure).size());
             }
-            if (client)
-                OPENSSL_shutdown(client);
-            if (server)
-                OPENSSL_shutdown(server);
+            for (HSSL h : {client, server})
+                if (h)
+                    OPENSSL_shutdown(h);
             OPENSSL_expect_server_name((const sockaddr*)&peer, length, nullptr);
         }
         Stop();
     }
-    SetSetting(L"SEALKIT_SERVER_NAME", nullptr);
+    UseTestCertificates();
 }
 
 TEST_F(SealkitTest, WithoutCertificateFilesTheServerUsesAnEphemeralOne)
@@ -139,29 +134,4 @@ TEST_F(SealkitTest, AFailedInitKeepsTheSettingsThatWork)
     EXPECT_EQ(1u, capture.StartingWith(L"Sealkit: OPENSSL_init(1) failed: the server side keeps its previous settings").size());
     OPENSSL_uninit();   // the owner that the failed client init opened
     SetSetting(L"SEALKIT_SERVER_NAME", nullptr);
-}
-
-TEST_F(SealkitTest, MutualTlsIsOffByDefaultAndRequiredWithAClientCa)
-{
-    struct {
-        const char* what;
-        bool requireClients;   // SEALKIT_CLIENT_CA on the server side
-        bool presentCert;      // SEALKIT_CLIENT_CERT/KEY on the client side
-        bool ok;
-    } cases[] = {
-        {"off by default", false, false, true},
-        {"required, and the client has none", true, false, false},
-        {"required, and the client presents one", true, true, true},
-    };
-    for (auto& c : cases) {
-        SetSetting(L"SEALKIT_CLIENT_CA", c.requireClients ? Files().ca.c_str() : nullptr);
-        SetSetting(L"SEALKIT_CLIENT_CERT", c.presentCert ? Files().clientCert.c_str() : nullptr);
-        SetSetting(L"SEALKIT_CLIENT_KEY", c.presentCert ? Files().clientKey.c_str() : nullptr);
-        Start();
-        {
-            TlsPair pair;
-            EXPECT_EQ(c.ok, pair.server != 0) << c.what;
-        }
-        Stop();
-    }
 }
