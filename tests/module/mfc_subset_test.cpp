@@ -51,6 +51,67 @@ TEST(CStringFormat, KeepsChineseAndFullWidthTextExactly)
     EXPECT_EQ(long_text[5000], L'尾');
 }
 
+// The members an application may use, at their bounds.
+TEST(CStringMembers, FindSliceTrimReplaceAndTokenizeAtTheirBounds)
+{
+    const CString t(L"C:127.0.0.1:80");   // 14 characters
+    EXPECT_EQ(1, t.Find(L':'));
+    EXPECT_EQ(11, t.Find(L':', 2));
+    EXPECT_EQ(13, t.Find(L'0', 13));
+    EXPECT_EQ(-1, t.Find(L':', -1));
+    EXPECT_EQ(6, t.Find(L"0.0"));
+    EXPECT_EQ(14, t.Find(L"", 14));
+    EXPECT_EQ(-1, t.Find(L"", 15));
+    EXPECT_EQ(11, t.ReverseFind(L':'));
+    EXPECT_EQ(-1, t.ReverseFind(L'x'));
+    EXPECT_STREQ(L"127.0.0.1:80", t.Mid(2));
+    EXPECT_STREQ(L"127", t.Mid(2, 3));
+    EXPECT_STREQ(L"C:1", t.Mid(-5, 3));
+    EXPECT_STREQ(L"", t.Mid(2, -1));
+    EXPECT_STREQ(L"0", t.Mid(13));
+    EXPECT_STREQ(L"", t.Mid(14));
+    EXPECT_STREQ(L"C", t.Left(1));
+    EXPECT_STREQ(L"80", t.Right(2));
+    EXPECT_STREQ(L"", t.Right(0));
+    EXPECT_STREQ(t, t.Right(14));
+    EXPECT_STREQ(t, t.Right(99));
+    int pos = 0;
+    for (const wchar_t* token : {L"C", L"127.0.0.1", L"80", L""})
+        EXPECT_STREQ(token, t.Tokenize(L":", pos));
+    EXPECT_EQ(-1, pos);
+
+    const CString s(L"  Ab c \t");
+    EXPECT_STREQ(L"Ab c", CString(s).Trim());
+    EXPECT_STREQ(L"Ab c \t", CString(s).TrimLeft());
+    EXPECT_STREQ(L"  AB C \t", CString(s).MakeUpper());
+    EXPECT_STREQ(L"  ab c \t", CString(s).MakeLower());
+    CString r(L"aaa");
+    EXPECT_EQ(3, r.Replace(L"a", L"aa")) << "the replacement is not searched again";
+    EXPECT_STREQ(L"aaaaaa", r);
+    EXPECT_EQ(0, r.Replace(L"", L"x"));
+    EXPECT_EQ(0, CString(L"abc").Compare(L"abc"));
+    EXPECT_GT(0, CString(L"abc").Compare(L"abd"));
+    EXPECT_EQ(0, CString(L"ABC").CompareNoCase(L"abc"));
+
+    CString b(L"xy");
+    wcscpy(b.GetBuffer(10), L"longer");
+    b.ReleaseBuffer();
+    EXPECT_STREQ(L"longer", b);
+    b.ReleaseBuffer(4);
+    EXPECT_EQ(L'\0', b.GetAt(4));
+    b.SetAt(4, L'!');
+    b.SetAt(0, L'L');
+    b.AppendFormat(L"-%d", 7);
+    EXPECT_STREQ(L"Long-7", b);
+    EXPECT_STREQ(L"xx", CString(L'x', 2));
+    EXPECT_STREQ(L"", CString(L'x', -1));
+    EXPECT_STREQ(L"ab", CString(L"abc", 2));
+    CString narrow = "abc";
+    EXPECT_STREQ(L"abc", narrow);
+    narrow = "";
+    EXPECT_TRUE(narrow.IsEmpty());
+}
+
 TEST(RuntimeClass, ChainAndIsKindOf)
 {
     CDog dog;

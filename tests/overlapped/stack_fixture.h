@@ -40,6 +40,7 @@ inline ::testing::AssertionResult OtherThreadGetsThrough(const SocketPtr& s)
 struct SocketPeek : COverlappedSocket {
     static DATE CreateTime(const COverlappedSocket* p) { return p->*(&SocketPeek::m_dtCreateTime); }
     static DATE ConnectTime(const COverlappedSocket* p) { return p->*(&SocketPeek::m_dtConnectTime); }
+    static SOCKET Handle(const COverlappedSocket* p) { return p->*(&SocketPeek::m_hSocket); }
 };
 
 class StackTest : public ::testing::Test {

@@ -191,3 +191,41 @@ TEST_F(StackTest, CallsAfterDestoryFailCleanly)
     bound->Close();
     EXPECT_EQ(1, bound->IsClose());
 }
+
+// Operations that end with an error the socket lives through, made by
+// cancelling them from outside (CancelIoEx): a receive is armed again, a send
+// in flight goes out again whole and in order (Wine has finished it already),
+// and an accept is replaced in the pool and ends its own socket with
+// OnConnect and OnClose of the error.
+TEST_F(StackTest, CancelledOperationsAreRetriedOrReplacedAndLoseNothing)
+{
+    DebugCapture trace;
+    unsigned short port;
+    SocketPtr listen = Listen(port, 2);
+    SOCKET peer = Peer(port);
+    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
+    const COverlappedSocket* accepted = Accepted(*server);
+    int small = 4096;
+    ASSERT_EQ(1, const_cast<COverlappedSocket*>(accepted)->SetSockOpt(SO_SNDBUF, &small, sizeof(small)));
+    // The peer reads nothing yet: the send of 4 MiB stays in flight.
+    const std::string data = Pattern(4 << 20, 9);
+    auto s = std::const_pointer_cast<COverlappedSocket>(accepted->shared_from_this());
+    ASSERT_EQ(static_cast<int>(data.size()), s->Send(data.data(), static_cast<int>(data.size()), 0));
+    ASSERT_TRUE(CancelIoEx(reinterpret_cast<HANDLE>(SocketPeek::Handle(accepted)), NULL))
+        << "cancel the receive and the send: " << GetLastError();
+    ASSERT_TRUE(trace.WaitFor(L"GetQueuedCompletionStatus return 995\n", 1)) << "a cancelled operation came back";
+    std::string back(data.size(), '\0');
+    ASSERT_TRUE(RecvAll(peer, &back[0], back.size())) << "the send went out again";
+    EXPECT_TRUE(back == data) << "bytes lost or reordered around the cancelled send";
+    ASSERT_TRUE(SendAll(peer, "after", 5));
+    ASSERT_TRUE(server->receives.WaitAtLeast(5, "a receive after the cancelled one"));
+    EXPECT_EQ((Log{"OnConnect(0)", "OnReceive"}), server->Log(accepted)) << "the connection lives on";
+
+    ASSERT_TRUE(CancelIoEx(reinterpret_cast<HANDLE>(SocketPeek::Handle(listen.get())), NULL));
+    EXPECT_TRUE(server->WaitFor([&] { return server->CountLogsEqual({"OnConnect(995)", "OnClose(error)", "OnDelete"}) == 2; },
+                                "both cancelled accepts ended"));
+    SOCKET later = Peer(port);
+    EXPECT_TRUE(server->connects.WaitAtLeast(4, "an accept of the refilled pool"));
+    closesocket(later);
+    closesocket(peer);
+}
