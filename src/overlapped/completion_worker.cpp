@@ -274,8 +274,6 @@ void COverlappedSocket::OnFailedCompletion(COverlappedInfo* pInfo, DWORD dwBytes
         spReleased = ReleaseRecord(pInfo);
         return;
     }
-    if (nErrorCode == 0 && nType == COverlappedInfo::TYPE_RECV)
-        m_dwLastReceiveTick = GetTickCount();
     std::shared_ptr<ISocketNotifyObject> spNotify = m_spNotifyObject;
     lock.Unlock();
 
