@@ -44,24 +44,6 @@ bool Ipv4Into(const in_addr& ipv4, unsigned short nPort, sockaddr_storage& addre
 
 }  // namespace
 
-bool IpAddressFromText(const char* pszText, unsigned short nPort, sockaddr_storage& address, int& nLength)
-{
-    if (pszText == nullptr) {
-        WSASetLastError(WSAEINVAL);
-        return false;
-    }
-    in_addr ipv4;
-    if (IsIpv4Text(pszText, ipv4))
-        return Ipv4Into(ipv4, nPort, address, nLength);
-    std::wstring strWide;
-    for (const char* p = pszText; *p != '\0'; ++p)
-        strWide.push_back(static_cast<wchar_t>(static_cast<unsigned char>(*p)));
-    if (Ipv6FromText(strWide.c_str(), nPort, address, nLength))
-        return true;
-    WSASetLastError(WSAEINVAL);
-    return false;
-}
-
 bool IpAddressFromText(const wchar_t* pszText, unsigned short nPort, sockaddr_storage& address, int& nLength)
 {
     if (pszText == nullptr) {
@@ -79,6 +61,15 @@ bool IpAddressFromText(const wchar_t* pszText, unsigned short nPort, sockaddr_st
         return true;
     WSASetLastError(WSAEINVAL);
     return false;
+}
+
+// The narrow texts of option strings: widened, then read as the wide ones.
+bool IpAddressFromText(const char* pszText, unsigned short nPort, sockaddr_storage& address, int& nLength)
+{
+    std::wstring strWide;
+    for (const char* p = pszText; p != nullptr && *p != '\0'; ++p)
+        strWide.push_back(static_cast<wchar_t>(static_cast<unsigned char>(*p)));
+    return IpAddressFromText(pszText != nullptr ? strWide.c_str() : nullptr, nPort, address, nLength);
 }
 
 int IpWildcard(int nFamily, unsigned short nPort, sockaddr_storage& address)

@@ -29,8 +29,9 @@ TEST_F(StackTest, BindRefusesAPortThatHasAListener)
     EXPECT_TRUE(s) << "free again once the listener is gone, error " << COverlappedSocket::GetLastError();
 }
 
-// Bind takes numbers only; Connect resolves host names.
-TEST_F(StackTest, BindTakesNumbersAndConnectResolvesNames)
+// Bind takes numbers only; Connect resolves host names. A socket refused for
+// want of a notify object leaves nothing behind (a TLS one has an event).
+TEST_P(BothKinds, BindTakesNumbersAndConnectResolvesNames)
 {
     for (const wchar_t* bad : {L"localhost", L"255.255.255.255"}) {
         EXPECT_FALSE(factory->CreateSocket(client, 0, bad));
@@ -90,6 +91,13 @@ TEST_P(BothKinds, Ipv6PeersAndADualStackListener)
         EXPECT_STREQ(c.seenByServer, text.GetString());
         clients.push_back(s);
     }
+    // The first client changed its socket for the peer's family: closed, it
+    // must not be held on under its old handle until Destory.
+    const COverlappedSocket* changed = clients[0].get();
+    clients[0]->Close();
+    clients[0].reset();
+    EXPECT_TRUE(client->WaitFor([&] { return client->Log(changed).back() == "OnDelete"; },
+                                "the socket that changed family destroyed once closed"));
     for (const wchar_t* bad : {L"::1::2", L"fe80::zz", L"[::1", L"[::1]", L"1.2.3.4.5", L"fe80::1%99999"}) {
         SCOPED_TRACE(testing::Message() << "address " << CString(bad).GetString());
         EXPECT_FALSE(factory->CreateSocket(client, 0, bad));

@@ -58,6 +58,12 @@ TEST_F(TransferTest, ReadErrorTextAndBufferChangeInsideOnReadComplete)
     EXPECT_EQ("intact", seen);
     EXPECT_EQ(5100, TcpPeek::ReadBufferSize(accepted)) << "the new buffer took over after the delivery";
     EXPECT_EQ(5000, TcpPeek::BytesToRead(accepted));
+    // A stale FD_READ with nothing to read is dropped before the read path.
+    OnWindow([&] {
+        SendMessageW(TcpPeek::Window(accepted), WM_WISOCKET_NOTIFY, (WPARAM)TcpPeek::Socket(accepted),
+                     WSAMAKESELECTREPLY(FD_READ, 0));
+    });
+    EXPECT_FALSE(m_debug.Contains(L"CWiTcp::OnWiRead  8\n"));
     // An event with an error: the text, then OnError(READ), and the object stays.
     OnWindow([&] {
         SendMessageW(TcpPeek::Window(accepted), WM_WISOCKET_NOTIFY, (WPARAM)TcpPeek::Socket(accepted),
