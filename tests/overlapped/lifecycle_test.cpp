@@ -72,30 +72,6 @@ TEST_F(StackTest, AcceptPoolKeepsItsSizeAndIsNotRefilledFromAClosedListenSocket)
         closesocket(p);
 }
 
-TEST_F(StackTest, CloseAllAcceptedSocketClosesOnlyThisListenSocketsConnections)
-{
-    auto other = std::make_shared<RecordingNotify>();
-    unsigned short portA, portB;
-    SocketPtr a = Listen(portA, 2);
-    SocketPtr b = Listen(portB, 2, other);
-    SOCKET peerA = Peer(portA), peerB = Peer(portB);
-    ASSERT_TRUE(server->connects.WaitAtLeast(1, "accept on A"));
-    ASSERT_TRUE(other->connects.WaitAtLeast(1, "accept on B"));
-    a->CloseAllAcceptedSocket();
-    EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
-    EXPECT_EQ((Log{"OnConnect(0)"}), other->Log(Accepted(*other)));
-    EXPECT_EQ(0, a->IsClose());
-    SOCKET again = Peer(portA);
-    EXPECT_TRUE(server->connects.WaitAtLeast(2, "A still accepts"));
-    closesocket(again);
-    closesocket(peerA);
-    closesocket(peerB);
-    a.reset();
-    b.reset();
-    factory->Destory();
-    ExpectEveryOnDeleteOnceAndLast(*other, "other");
-}
-
 TEST_F(StackTest, DestoryClosesEverythingEndsEveryThreadAndTwiceIsHarmless)
 {
     DebugCapture trace;
@@ -137,9 +113,10 @@ TEST_F(StackTest, PoolOverloadCountsAndRefusals)
     EXPECT_EQ(20, std::count_if(pool.begin(), pool.end(), [](const SocketPtr& s) { return bool(s); }));
 }
 
-// CloseAllSocket closes every socket of its factory and no other's, and the
-// factory goes on; Destory of one factory leaves another running.
-TEST_F(StackTest, CloseAllSocketAndDestoryTouchOnlyTheirOwnFactory)
+// CloseAllAcceptedSocket closes the connections of its listener and no
+// other's; CloseAllSocket closes every socket of its factory and no other's,
+// and the factory goes on; Destory of one factory leaves another running.
+TEST_F(StackTest, CloseAllAndDestoryTouchOnlyTheirOwnSockets)
 {
     FactoryPtr second = COverlappedSocketFactory::CreateObject(0, 1);
     ASSERT_TRUE(second);
@@ -148,17 +125,29 @@ TEST_F(StackTest, CloseAllSocketAndDestoryTouchOnlyTheirOwnFactory)
     server->echo = true;
     unsigned short port2;
     SocketPtr listen2 = Listen(port2, 2, notify, L"127.0.0.1", second);
-    unsigned short port;
+    unsigned short port, portB;
     SocketPtr listen = Listen(port, 2);
+    auto other = std::make_shared<RecordingNotify>();
+    SocketPtr listenB = Listen(portB, 2, other);
+    SOCKET peer = Peer(port), peerB = Peer(portB);
+    ASSERT_TRUE(server->connects.WaitAtLeast(1, "accept on A"));
+    ASSERT_TRUE(other->connects.WaitAtLeast(1, "accept on B"));
+    listen->CloseAllAcceptedSocket();
+    EXPECT_TRUE(LogBecomes(*server, Accepted(*server), {"OnConnect(0)", "OnClose(0)", "OnDelete"}));
+    EXPECT_EQ((Log{"OnConnect(0)"}), other->Log(Accepted(*other))) << "another listener's connection";
+    EXPECT_EQ(0, listen->IsClose());
+    closesocket(peer);
+    closesocket(peerB);
+
     SocketPtr c = ConnectTo(port);
-    ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
+    ASSERT_TRUE(server->connects.WaitAtLeast(2, "A still accepts"));
     ASSERT_TRUE(client->connects.WaitAtLeast(1, "client OnConnect"));
     factory->CloseAllSocket();
     EXPECT_EQ(1, listen->IsClose());
     EXPECT_EQ(1, c->IsClose());
     EXPECT_EQ(0, listen2->IsClose()) << "another factory's socket";
-    EXPECT_TRUE(server->WaitFor([&] { return server->CountLogsEqual({"OnConnect(0)", "OnClose(0)", "OnDelete"}) == 1; },
-                                "accepted socket closed and gone"));
+    EXPECT_TRUE(server->WaitFor([&] { return server->CountLogsEqual({"OnConnect(0)", "OnClose(0)", "OnDelete"}) == 2; },
+                                "accepted sockets closed and gone"));
     SocketPtr listen3 = Listen(port, 1);
     for (unsigned short p : {port, port2}) {   // this factory, then the second after this one's Destory
         SOCKET peer = Peer(p);
@@ -169,7 +158,9 @@ TEST_F(StackTest, CloseAllSocketAndDestoryTouchOnlyTheirOwnFactory)
         factory->Destory();
     }
     listen2.reset();
+    listenB.reset();
     second->Destory();
     second.reset();
     ExpectEveryOnDeleteOnceAndLast(*notify, "second factory");
+    ExpectEveryOnDeleteOnceAndLast(*other, "other listener");
 }
