@@ -44,7 +44,6 @@ void COverlappedSocket::ReportDeleteAndFreeRecords()
         m_spNotifyObject.reset();   // so that a second call reports nothing
         DestroySendRecords();
     }
-    spNotify.reset();
 }
 
 COverlappedSocket::~COverlappedSocket()

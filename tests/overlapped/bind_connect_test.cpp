@@ -74,7 +74,13 @@ TEST_P(BothKinds, Ipv6PeersAndADualStackListener)
         SCOPED_TRACE(testing::Message() << "peer " << CString(c.peer).GetString());
         SocketPtr s = factory->CreateSocket(client, 0, c.bindTo);
         ASSERT_TRUE(s);
+        const SOCKET hBefore = SocketPeek::Handle(s.get());
         ASSERT_EQ(1, s->Connect(c.peer, port)) << COverlappedSocket::GetLastError();
+        if (c.bindTo == nullptr) {   // made for IPv4: a new socket, and the old one closed
+            int type = 0, length = sizeof(type);
+            EXPECT_NE(hBefore, SocketPeek::Handle(s.get()));
+            EXPECT_NE(0, getsockopt(hBefore, SOL_SOCKET, SO_TYPE, (char*)&type, &length));
+        }
         ASSERT_TRUE(client->connects.WaitAtLeast((long)clients.size() + 1, "client OnConnect"));
         CString text;
         unsigned int peerPort = 0;

@@ -50,9 +50,15 @@ TEST_P(BothKinds, DataBothWaysIsByteExactAndInOrder)
     const COverlappedSocket* accepted = Accepted(*server);
     ASSERT_NE(nullptr, accepted);
     EXPECT_TRUE(server->Received(accepted) == all);
-    for (const COverlappedSocket* p : {static_cast<const COverlappedSocket*>(c.get()), accepted})
-        EXPECT_TRUE(SocketPeek::CreateTime(p) > 40000 && SocketPeek::ConnectTime(p) >= SocketPeek::CreateTime(p))
-            << "creation and connect times are stamped (OLE dates of this century)";
+    SYSTEMTIME st;
+    GetLocalTime(&st);
+    DATE now = 0;
+    SystemTimeToVariantTime(&st, &now);
+    for (const COverlappedSocket* p : {static_cast<const COverlappedSocket*>(c.get()), accepted}) {
+        EXPECT_NEAR(now, SocketPeek::CreateTime(p), 1.0 / 24 / 60) << "creation stamped with the local time";
+        EXPECT_GE(SocketPeek::ConnectTime(p), SocketPeek::CreateTime(p));
+        EXPECT_NEAR(now, SocketPeek::ConnectTime(p), 1.0 / 24 / 60) << "connect stamped with the local time";
+    }
     EXPECT_TRUE(client->WaitFor([&] { return client->Of(c.get()).sent == static_cast<long long>(all.size()); },
                                 "OnSend counts add up to the bytes sent"));
 
