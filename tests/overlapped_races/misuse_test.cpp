@@ -205,8 +205,8 @@ TEST_F(StackTest, CancelledOperationsAreRetriedOrReplacedAndLoseNothing)
     SOCKET peer = Peer(port);
     ASSERT_TRUE(server->connects.WaitAtLeast(1, "server OnConnect"));
     const COverlappedSocket* accepted = Accepted(*server);
-    int small = 4096;
-    ASSERT_EQ(1, const_cast<COverlappedSocket*>(accepted)->SetSockOpt(SO_SNDBUF, &small, sizeof(small)));
+    int nSmallBuffer = 4096;
+    ASSERT_EQ(1, const_cast<COverlappedSocket*>(accepted)->SetSockOpt(SO_SNDBUF, &nSmallBuffer, sizeof(nSmallBuffer)));
     // The peer reads nothing yet: the send of 4 MiB stays in flight.
     const std::string data = Pattern(4 << 20, 9);
     auto s = std::const_pointer_cast<COverlappedSocket>(accepted->shared_from_this());
