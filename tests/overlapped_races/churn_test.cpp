@@ -176,7 +176,10 @@ TEST_F(StackTest, ChurnOfEveryEndingGivesOneOnCloseOneOnDeleteAndTheRightBytes)
         EXPECT_NE(e.log.end(), close) << "a connected socket ended without OnClose";
         EXPECT_EQ(e.log.end(), std::find(close, e.log.end(), "OnReceive")) << "OnReceive after OnClose";
     }
-    server->onConnect = nullptr, server->onReceive = nullptr, server->onSend = nullptr, server->onTimeout = nullptr;
+    server->onConnect = nullptr;   // the hooks hold this test's locals
+    server->onReceive = nullptr;
+    server->onSend = nullptr;
+    server->onTimeout = nullptr;
     listen->Close();
     listen.reset();
 }
