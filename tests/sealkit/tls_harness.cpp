@@ -10,17 +10,11 @@ WinsockScope g_winsock;
 
 SocketPair::SocketPair(const char* address)
 {
-    SOCKET listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = inet_addr(address);
-    int len = sizeof(addr);
-    if (bind(listener, (sockaddr*)&addr, sizeof(addr)) == 0 && listen(listener, 1) == 0 &&
-        getsockname(listener, (sockaddr*)&addr, &len) == 0) {
-        client = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-        if (connect(client, (sockaddr*)&addr, sizeof(addr)) == 0)
-            server = accept(listener, nullptr, nullptr);
-    }
+    unsigned short port = 0;
+    SOCKET listener = ListenLoopback(port, 1, address);
+    client = ConnectLoopback(port, address);
+    if (client != INVALID_SOCKET)
+        server = accept(listener, nullptr, nullptr);
     closesocket(listener);
 }
 

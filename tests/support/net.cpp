@@ -2,11 +2,11 @@
 
 namespace {
 
-sockaddr_in Loopback(unsigned short port)
+sockaddr_in Loopback(unsigned short port, const char* address = "127.0.0.1")
 {
     sockaddr_in addr = {};
     addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_addr.s_addr = inet_addr(address);
     addr.sin_port = htons(port);
     return addr;
 }
@@ -38,12 +38,12 @@ RefusingPort::~RefusingPort()
         closesocket(m_s);
 }
 
-SOCKET ListenLoopback(unsigned short& port, int backlog)
+SOCKET ListenLoopback(unsigned short& port, int backlog, const char* address)
 {
     SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     if (s == INVALID_SOCKET)
         return s;
-    sockaddr_in addr = Loopback(port);
+    sockaddr_in addr = Loopback(port, address);
     int len = sizeof(addr);
     if (bind(s, (sockaddr*)&addr, sizeof(addr)) != 0 || listen(s, backlog) != 0 ||
         getsockname(s, (sockaddr*)&addr, &len) != 0) {
@@ -54,12 +54,12 @@ SOCKET ListenLoopback(unsigned short& port, int backlog)
     return s;
 }
 
-SOCKET ConnectLoopback(unsigned short port)
+SOCKET ConnectLoopback(unsigned short port, const char* address)
 {
     SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     if (s == INVALID_SOCKET)
         return s;
-    sockaddr_in addr = Loopback(port);
+    sockaddr_in addr = Loopback(port, address);
     if (connect(s, (sockaddr*)&addr, sizeof(addr)) != 0) {
         closesocket(s);
         return INVALID_SOCKET;

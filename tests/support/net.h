@@ -32,11 +32,11 @@ private:
     SOCKET m_s = INVALID_SOCKET;
 };
 
-// A plain blocking listener on 127.0.0.1:port (port 0: any); returns the socket
-// and stores the port. INVALID_SOCKET on failure.
-SOCKET ListenLoopback(unsigned short& port, int backlog = SOMAXCONN);
-// A plain blocking client connected to 127.0.0.1:port, or INVALID_SOCKET.
-SOCKET ConnectLoopback(unsigned short port);
+// A plain blocking listener on address:port (port 0: any; address any of
+// 127.0.0.0/8); returns the socket and stores the port. INVALID_SOCKET on failure.
+SOCKET ListenLoopback(unsigned short& port, int backlog = SOMAXCONN, const char* address = "127.0.0.1");
+// A plain blocking client connected to address:port, or INVALID_SOCKET.
+SOCKET ConnectLoopback(unsigned short port, const char* address = "127.0.0.1");
 // Sends all bytes on a blocking socket; false on failure.
 bool SendAll(SOCKET s, const void* data, size_t size);
 // Receives exactly size bytes on a blocking socket; false on failure or close.
